@@ -1,0 +1,50 @@
+#include "sdk/SdkTable.h"
+
+#include "sdk/ErrorException.h"
+
+namespace zelcdbsdk {
+
+namespace {
+
+void sdkUninitialize() { processTearDown(); }
+
+const char* getErrorName(ZELCDBError error) { return errorName(error); }
+
+uint32_t hashName(const char* name, uint32_t length) {
+    uint32_t hash = 5381;
+    if (name == nullptr) return hash;
+    if (length == ZELSBP_NUL_TERMINATED) {
+        for (const char* p = name; *p; ++p) hash = hash * 65599u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*p)));
+        return hash;
+    }
+    // Bytes are taken as signed so that names with bytes above 0x7F hash to the same UIDs
+    // as on peers.
+    for (uint32_t i = 0; i < length; ++i) {
+        hash = hash * 65599u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(name[i])));
+    }
+    return hash;
+}
+
+ZELCDBSDK makeTable() {
+    ZELCDBSDK table{};
+    table.versionMajor = 2;
+    table.versionMinor = 7;
+    table.versionPatch = 0;
+    table.versionBuild = 2565;
+    table.sdkUninitialize = &sdkUninitialize;
+    table.getErrorName = &getErrorName;
+    table.hashName = &hashName;
+    return table;
+}
+
+const ZELCDBSDK kTable = makeTable();
+
+}  // namespace
+
+const ZELCDBSDK& sdkTable() { return kTable; }
+
+// Nothing in the library needs process-wide state yet: every component keeps its own.
+void processSetUp() {}
+void processTearDown() {}
+
+}  // namespace zelcdbsdk

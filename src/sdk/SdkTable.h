@@ -1,0 +1,16 @@
+#pragma once
+
+#include "zelcdbsdk.h"
+
+namespace zelcdbsdk {
+
+// The complete function table: version words and every entry this build provides. Entries
+// whose subsystem is not built yet are nullptr.
+const ZELCDBSDK& sdkTable();
+
+// The process-wide set-up done by ZELCDBSDKInitialize and undone by ZELCDBSDKUninitialize.
+// Not reference counted: a second set-up replaces the first.
+void processSetUp();
+void processTearDown();
+
+}  // namespace zelcdbsdk

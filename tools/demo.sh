@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Builds the library and runs the demo, which loads libzelcdbsdk.so.1 with dlopen.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+tools/install-deps.sh
+cmake --preset release >/dev/null
+cmake --build --preset release --target zelcdbsdk_demo zelcdbsdk
+build/release/examples/zelcdbsdk_demo "$PWD/build/release/libzelcdbsdk.so.1"
