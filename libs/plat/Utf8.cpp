@@ -1,0 +1,28 @@
+#include "plat/Utf8.h"
+
+#include "plat/Exception.h"
+
+namespace plat {
+
+char* encodeUtf8(int32_t codePoint, char* out) {
+    if (codePoint < 0x80) {
+        *out++ = static_cast<char>(codePoint);
+    } else if (codePoint < 0x800) {
+        *out++ = static_cast<char>(0xC0 | codePoint >> 6);
+        *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
+    } else if (codePoint < 0x10000) {
+        *out++ = static_cast<char>(0xE0 | codePoint >> 12);
+        *out++ = static_cast<char>(0x80 | (codePoint >> 6 & 0x3F));
+        *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
+    } else if (codePoint >= 0x110000) {
+        throw Exception("Unicode out of range");
+    } else {
+        *out++ = static_cast<char>(0xF0 | codePoint >> 18);
+        *out++ = static_cast<char>(0x80 | (codePoint >> 12 & 0x3F));
+        *out++ = static_cast<char>(0x80 | (codePoint >> 6 & 0x3F));
+        *out++ = static_cast<char>(0x80 | (codePoint & 0x3F));
+    }
+    return out;
+}
+
+}  // namespace plat
