@@ -415,8 +415,13 @@ ZELCDBError ZELCDBSDKInitialize(ZELCDBSDK *sdk, uint32_t sdkSize);
 #if UINTPTR_MAX == 0xFFFFFFFFu
 #if defined(__cplusplus)
 #define ZELCDB_STATIC_ASSERT_(cond, msg) static_assert(cond, msg)
-#else
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 #define ZELCDB_STATIC_ASSERT_(cond, msg) _Static_assert(cond, msg)
+#else /* C99: an array type of negative size stops the build */
+#define ZELCDB_CONCAT2_(a, b) a##b
+#define ZELCDB_CONCAT_(a, b) ZELCDB_CONCAT2_(a, b)
+#define ZELCDB_STATIC_ASSERT_(cond, msg) \
+    typedef char ZELCDB_CONCAT_(zelcdbLayoutCheck_, __LINE__)[(cond) ? 1 : -1]
 #endif
 ZELCDB_STATIC_ASSERT_(sizeof(ZELCDBSDK) == 208, "table is 208 bytes");
 ZELCDB_STATIC_ASSERT_(offsetof(ZELCDBSDK, sdkUninitialize) == 16, "slot 4 at 16");
