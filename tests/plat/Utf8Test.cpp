@@ -57,3 +57,112 @@ TEST(EncodeUtf8, OutOfRangeThrowsAndWritesNothing) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(WidenToUtf8, LatinOneByteBecomesTwo) {
+    plat::OwnedText out = plat::widenToUtf8("caf\xE9");
+    EXPECT_EQ(out.length, 5u);
+    EXPECT_STREQ(out.text.get(), "caf\xC3\xA9");
+}
+
+TEST(WidenToUtf8, StopsAtEndOrFirstNulWhicheverComesFirst) {
+    const char input[] = "ab\0cd";
+    struct Case {
+        const char* end;
+        const char* expected;
+    } cases[] = {
+        {nullptr, "ab"},    // up to the NUL
+        {input + 1, "a"},   // end before the NUL
+        {input + 5, "ab"},  // NUL before end
+        {input, ""},        // empty range
+    };
+    for (const Case& c : cases) {
+        plat::OwnedText out = plat::widenToUtf8(input, c.end);
+        EXPECT_STREQ(out.text.get(), c.expected);
+        EXPECT_EQ(out.length, std::strlen(c.expected));
+    }
+}
+
+// Text made only of bytes above 0x7F doubles in size, beyond the first guess of the buffer;
+// every length crosses the growth step at a different place.
+TEST(WidenToUtf8, GrowsForTextThatDoubles) {
+    for (size_t n = 0; n < 64; ++n) {
+        std::string input;
+        for (size_t i = 0; i < n; ++i) input += static_cast<char>(0x80 + i);
+        plat::OwnedText out = plat::widenToUtf8(input.data(), input.data() + input.size());
+        std::string expected;
+        for (unsigned char c : input) expected += encoded(c);
+        ASSERT_EQ(out.length, 2 * n);
+        EXPECT_EQ(std::string(out.text.get(), out.length + 1), expected + '\0') << n;
+    }
+}
+
+struct NormalizeCase {
+    const char* name;
+    const char* input;
+    bool valid;
+    const char* output;  // the text after the call, up to its (possibly new) NUL
+};
+
+const NormalizeCase kNormalizeCases[] = {
+    {"empty", "", true, ""},
+    {"ascii", "hello", true, "hello"},
+    {"shortest two three four", "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", true,
+     "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"},
+    {"high plane value", "\xF4\x8F\x9F\xBF", true, "\xF4\x8F\x9F\xBF"},
+    {"U+10FFFF falls under the refusal", "\xF4\x8F\xBF\xBF", false, nullptr},
+    {"just below the refusal", "\xED\x9F\xBF", true, "\xED\x9F\xBF"},
+    {"private use survives", "\xEE\x80\x80", true, "\xEE\x80\x80"},
+    {"U+1D7FF survives", "\xF0\x9D\x9F\xBF", true, "\xF0\x9D\x9F\xBF"},
+    {"surrogate", "\xED\xA0\x80", false, nullptr},
+    {"replacement character", "\xEF\xBF\xBD", false, nullptr},
+    {"U+F800", "\xEF\xA0\x80", false, nullptr},
+    {"U+1D800", "\xF0\x9D\xA0\x80", false, nullptr},
+    {"stray continuation", "a\x80", false, nullptr},
+    {"five-byte lead", "\xF8\x88\x80\x80\x80", false, nullptr},
+    {"all ones", "\xFF", false, nullptr},
+    {"truncated at the end", "a\xC3", false, nullptr},
+    {"truncated by ascii", "\xE2\x82z", false, nullptr},
+    {"over-long ascii", "a\xC1\x81z", true, "aAz"},
+    {"over-long three and four bytes", "\xE0\x81\x81\xF0\x80\x81\x82", true, "AB"},
+    {"over-long nul ends the string", "x\xC0\x80y", true, "x"},
+    {"text after an over-long nul is still checked", "x\xC0\x80\xFF", false, nullptr},
+    {"everything after the first over-long moves down",
+     "\xC1\x81\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z", true,
+     "A\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z"},
+    {"high plane value after an over-long", "\xC1\x81\xF4\x8F\x9F\xBF", true, "A\xF4\x8F\x9F\xBF"},
+    {"over-long refused value", "\xF0\x8F\xBF\xBD", false, nullptr},
+};
+
+TEST(CheckAndNormalizeUtf8, Table) {
+    for (const NormalizeCase& c : kNormalizeCases) {
+        SCOPED_TRACE(c.name);
+        size_t length = std::strlen(c.input);
+        // A guard byte after the NUL catches writes past the end of the text.
+        std::string buffer = std::string(c.input) + '\0' + '#';
+        bool valid = plat::checkAndNormalizeUtf8(&buffer[0]);
+        EXPECT_EQ(valid, c.valid);
+        EXPECT_EQ(buffer[length + 1], '#');
+        if (c.output) {
+            EXPECT_STREQ(buffer.c_str(), c.output);
+        }
+    }
+}
+
+TEST(CheckAndNormalizeUtf8, FourByteValuesBeyondUnicodeThrow) {
+    for (const char* input : {"\xF4\x90\x80\x80", "a\xC1\x81\xF5\x80\x80\x80"}) {
+        std::string buffer(input);
+        try {
+            plat::checkAndNormalizeUtf8(&buffer[0]);
+            ADD_FAILURE() << "no exception";
+        } catch (const plat::Exception& e) {
+            EXPECT_STREQ(e.str(), "Unicode out of range");
+        }
+    }
+    // Out of range, but caught first by the broad refusal.
+    std::string refused("\xF7\xBF\xBF\xBF");
+    EXPECT_FALSE(plat::checkAndNormalizeUtf8(&refused[0]));
+}
+
+}  // namespace
