@@ -10,8 +10,8 @@
 namespace rdr {
 
 namespace {
-// The assertion lines keep the texts and line numbers that earlier releases logged, since
-// people search logs for them; do not tidy them into PLAT_ASSERT.
+// These assertion texts and line numbers are fixed: applications match them in their logs.
+// Do not tidy them into PLAT_ASSERT.
 constexpr int kSetPtrAssertLine = 53;
 constexpr int kGetItemsAssertLine = 71;
 constexpr int kGetItemsNoWaitAssertLine = 89;
