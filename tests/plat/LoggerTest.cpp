@@ -3,25 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
+#include <thread>
 
 #include "plat/DString.h"
+#include "plat/RecordingLogger.h"
 
 namespace {
 
-struct RecordingLogger : plat::Logger {
-    struct Line {
-        int level;
-        std::string facility;
-        std::string text;
-    };
-    std::vector<Line> lines;
-    void log(int level, const char* facility, const char* format, va_list args) override {
-        plat::DString text;
-        text.formatV(format, args);
-        lines.push_back({level, facility, text.c_str()});
-    }
-};
+using zeltest::RecordingLogger;
 
 TEST(LoggerRef, NamedLoggerWinsOverCurrentAndEachLevelKeepsItsValue) {
     RecordingLogger own, current;
@@ -65,6 +54,25 @@ TEST(DString, GrowsPastItsFirstGuessAndAppends) {
     EXPECT_EQ(s.length(), big.size() + 4);
     s.clear();
     EXPECT_STREQ(s.c_str(), "");
+}
+
+// The current logger belongs to the thread that set it: another thread starts without one
+// and its own choice does not leak back.
+TEST(Logger, CurrentLoggerIsPerThread) {
+    RecordingLogger mine, theirs;
+    plat::ScopedCurrentLogger scope(&mine);
+    plat::Logger* seen = &mine;
+    std::thread other([&] {
+        seen = plat::Logger::current();
+        plat::ScopedCurrentLogger otherScope(&theirs);
+        plat::LoggerRef{"TimerManager", nullptr}.warning("from the other thread");
+    });
+    other.join();
+    EXPECT_EQ(seen, nullptr);
+    EXPECT_EQ(plat::Logger::current(), &mine);
+    EXPECT_TRUE(mine.lines.empty());
+    ASSERT_EQ(theirs.lines.size(), 1u);
+    EXPECT_EQ(theirs.lines[0].facility, "TimerManager");
 }
 
 }  // namespace

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "plat/DString.h"
+#include "plat/Logger.h"
+
+namespace zeltest {
+
+// Keeps every line it is given, formatted, for the test to inspect. Single-threaded.
+struct RecordingLogger : plat::Logger {
+    struct Line {
+        int level;
+        std::string facility;
+        std::string text;
+    };
+    std::vector<Line> lines;
+
+    void log(int level, const char* facility, const char* format, va_list args) override {
+        plat::DString text;
+        text.formatV(format, args);
+        lines.push_back({level, facility, text.c_str()});
+    }
+};
+
+// A logger whose every call fails, as an application callback that throws would.
+struct ThrowingLogger : plat::Logger {
+    explicit ThrowingLogger(std::function<void()> raise) : raise_(std::move(raise)) {}
+    int calls = 0;
+    void log(int, const char*, const char*, va_list) override {
+        ++calls;
+        raise_();
+    }
+
+private:
+    std::function<void()> raise_;
+};
+
+}  // namespace zeltest
