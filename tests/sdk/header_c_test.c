@@ -1,18 +1,146 @@
-/* The public header compiled as strict C99, used the way a C application uses it. */
-#include "zelcdbsdk.h"
-
+/* The public header compiled as strict C99 and linked against the shared library, used the
+ * way a C application uses it: it knows nothing but the header. Exit status 0 is success;
+ * every failed check prints one line. */
 #include <stdio.h>
 #include <string.h>
 
+#include "zelcdbsdk.h"
+
+static int failures = 0;
+
+#define CHECK(cond)                                                                  \
+    do {                                                                             \
+        if (!(cond)) {                                                               \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+            ++failures;                                                              \
+        }                                                                            \
+    } while (0)
+
+#define FULL_SIZE ((uint32_t)sizeof(ZELCDBSDK))
+#define SLOT_SIZE ((uint32_t)sizeof(void*))
+#define FIRST_SLOT_OFFSET ((uint32_t)offsetof(ZELCDBSDK, sdkUninitialize))
+#define GUARD 0xAB
+
+/* A table with room beyond its end, so that writes past the given size show. */
+typedef union {
+    ZELCDBSDK table;
+    unsigned char bytes[sizeof(ZELCDBSDK) + 16];
+} Buffer;
+
+static void fillGuard(Buffer* buffer) {
+    memset(buffer->bytes, GUARD, sizeof buffer->bytes);
+}
+
+static int allGuard(const unsigned char* bytes, size_t from, size_t to) {
+    size_t i;
+    for (i = from; i < to; ++i) {
+        if (bytes[i] != GUARD) return 0;
+    }
+    return 1;
+}
+
+static int allZero(const unsigned char* bytes, size_t from, size_t to) {
+    size_t i;
+    for (i = from; i < to; ++i) {
+        if (bytes[i] != 0) return 0;
+    }
+    return 1;
+}
+
+/* Every size gets the version words, every slot that lies wholly inside it (as in the full
+ * table), zeros in a partial trailing slot, and nothing at all beyond the size. Sizes out of
+ * range get InvalidParameter and an untouched buffer. */
+static void checkTableSizes(void) {
+    Buffer full;
+    Buffer buffer;
+    const uint32_t sizes[] = {0,
+                              15,
+                              16,
+                              17,
+                              20,
+                              FIRST_SLOT_OFFSET + SLOT_SIZE - 1,
+                              FIRST_SLOT_OFFSET + SLOT_SIZE,
+                              FULL_SIZE - 1,
+                              FULL_SIZE,
+                              FULL_SIZE + 1,
+                              0xFFFFFFFFu};
+    size_t i;
+
+    fillGuard(&full);
+    CHECK(ZELCDBSDKInitialize(&full.table, FULL_SIZE) == ZELCDBErrorNone);
+
+    for (i = 0; i < sizeof sizes / sizeof sizes[0]; ++i) {
+        const uint32_t size = sizes[i];
+        const int inRange = size >= 16 && size <= FULL_SIZE;
+        uint32_t offset;
+        ZELCDBError result;
+        const int failuresBefore = failures;
+
+        fillGuard(&buffer);
+        result = ZELCDBSDKInitialize(&buffer.table, size);
+        if (!inRange) {
+            CHECK(result == ZELCDBErrorInvalidParameter);
+            CHECK(allGuard(buffer.bytes, 0, sizeof buffer.bytes));
+            continue;
+        }
+        CHECK(result == ZELCDBErrorNone);
+        CHECK(memcmp(buffer.bytes, full.bytes, FIRST_SLOT_OFFSET) == 0);
+        for (offset = FIRST_SLOT_OFFSET; offset < size; offset += SLOT_SIZE) {
+            if (offset + SLOT_SIZE <= size) {
+                CHECK(memcmp(buffer.bytes + offset, full.bytes + offset, SLOT_SIZE) == 0);
+            } else {
+                CHECK(allZero(buffer.bytes, offset, size));
+            }
+        }
+        CHECK(allGuard(buffer.bytes, size, sizeof buffer.bytes));
+        if (failures != failuresBefore) fprintf(stderr, "  (table of %u bytes)\n", (unsigned)size);
+    }
+
+    CHECK(full.table.versionMajor == 2 && full.table.versionMinor == 7 &&
+          full.table.versionPatch == 0 && full.table.versionBuild == 2565);
+    CHECK(full.table.reserved8 == NULL);
+    CHECK(full.table.sdkUninitialize != NULL && full.table.getErrorName != NULL &&
+          full.table.hashName != NULL);
+    CHECK(ZELCDBSDKInitialize(NULL, FULL_SIZE) == ZELCDBErrorInvalidParameter);
+}
+
+static void checkErrorNames(ZELCDBGetErrorNameFn* name) {
+    const ZELCDBError unknown[] = {16, 99, 105, 199, 204, -1, 8, 9};
+    size_t i;
+#define CHECK_NAME(id, value) \
+    CHECK(name((ZELCDBError)(value)) != NULL && strcmp(name(ZELCDBError##id), #id) == 0);
+    ZELCDB_ERROR_MAP(CHECK_NAME)
+#undef CHECK_NAME
+    CHECK(strcmp(name(0), "None") == 0);
+    CHECK(strcmp(name(203), "SBPDeserializeInputMalformed") == 0);
+    for (i = 0; i < sizeof unknown / sizeof unknown[0]; ++i) CHECK(name(unknown[i]) == NULL);
+}
+
+static void checkHashName(ZELSBPHashNameFn* hash) {
+    CHECK(hash("", ZELSBP_NUL_TERMINATED) == 5381u);
+    CHECK(hash("speed", 0) == 5381u);
+    CHECK(hash("speed", ZELSBP_NUL_TERMINATED) == hash("speed!", 5));
+    /* Bytes are signed: 0xE9 counts as -23, so 5381 * 65599 - 23 = 352988196. */
+    CHECK(hash("\xE9", 1) == 352988196u);
+    CHECK(hash("\xE9", ZELSBP_NUL_TERMINATED) == 352988196u);
+    /* 0x7F and 0x80 are 255 apart the wrong way round: +127 against -128. */
+    CHECK(hash("a\x7F", 2) - hash("a\x80", 2) == 255u);
+    /* The length counts bytes, a NUL among them. */
+    CHECK(hash("a\0b", 3) != hash("a", 1));
+}
+
 int main(void) {
-    ZELCDBSDK sdk;
-    memset(&sdk, 0xAB, sizeof sdk);
-    if (ZELCDBSDKInitialize(&sdk, (uint32_t)sizeof sdk) != ZELCDBErrorNone) return 1;
-    if (sdk.versionMajor != 2 || sdk.versionMinor != 7 || sdk.versionPatch != 0 ||
-        sdk.versionBuild != 2565)
-        return 2;
-    if (sdk.reserved8 != NULL || sdk.getErrorName == NULL) return 3;
-    if (strcmp(sdk.getErrorName(ZELCDBErrorTimeout), "Timeout") != 0) return 4;
+    Buffer buffer;
+    checkTableSizes();
+    fillGuard(&buffer);
+    if (ZELCDBSDKInitialize(&buffer.table, FULL_SIZE) != ZELCDBErrorNone) return 1;
+    checkErrorNames(buffer.table.getErrorName);
+    checkHashName(buffer.table.hashName);
+    /* Uninitialize and initialize again: the table is refilled the same way. */
+    buffer.table.sdkUninitialize();
+    CHECK(ZELCDBSDKInitialize(&buffer.table, FULL_SIZE) == ZELCDBErrorNone);
+    buffer.table.sdkUninitialize();
+    if (failures) return 1;
     puts("header_c_test: ok");
     return 0;
 }
