@@ -1,0 +1,88 @@
+#include "mirrorlink/TcpConnector.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "mirrorlink/CDBUrl.h"
+#include "plat/Exception.h"
+
+namespace mirrorlink {
+
+namespace {
+
+constexpr int kListenBacklog = 1;
+
+}  // namespace
+
+TcpConnector::TcpConnector(TcpSocket& socket, const plat::LoggerRef& log)
+    : socket_(socket), log_(log) {}
+
+void TcpConnector::openSocket() {
+    if (int err = socket_.create(AF_INET, SOCK_STREAM)) {
+        throw plat::SystemExceptionFmt(err, "socket() failed");
+    }
+}
+
+SocketAddress TcpConnector::resolve(const char* url) {
+    CDBUrl parsed;
+    SocketAddress address;
+    if (!parsed.parse(url) || parsed.resolve(-1, &address) != 0) {
+        throw plat::ExceptionFmt("Invalid CDB URL %s", url ? url : "(null)");
+    }
+    return address;
+}
+
+void TcpConnector::startConnect(const char* url) {
+    log_.info("Connecting to %s", url ? url : "(null)");
+    openSocket();
+    SocketAddress address = resolve(url);
+    socket_.setBlocking(false);
+    socket_.setNoDelay();
+    int err = socket_.connect(address);
+    if (err != 0 && err != EINPROGRESS) throw plat::SystemExceptionFmt(err, "connect() failed");
+}
+
+bool TcpConnector::completeConnect() {
+    int err = socket_.pendingError();
+    if (err < 0) throw plat::Exception("Failed to read socket option");
+    if (err != 0) throw plat::SystemException("Connection error", err);
+    return true;
+}
+
+void TcpConnector::startListening(const char* url) {
+    log_.info("Listening on %s", url ? url : "(null)");
+    openSocket();
+    SocketAddress address = resolve(url);
+    socket_.setBlocking(false);
+    socket_.setReuseAddress();
+    if (int err = socket_.bind(address)) throw plat::SystemExceptionFmt(err, "bind() failed");
+    if (int err = socket_.listen(kListenBacklog))
+        throw plat::SystemExceptionFmt(err, "listen() failed");
+}
+
+bool TcpConnector::acceptPeer() {
+    TcpSocket peer;
+    SocketAddress address;
+    if (int err = socket_.accept(&peer, &address)) {
+        char buffer[128];
+#if defined(__GLIBC__) && defined(_GNU_SOURCE)
+        const char* description = strerror_r(err, buffer, sizeof buffer);
+#else
+        const char* description =
+            strerror_r(err, buffer, sizeof buffer) == 0 ? buffer : "Unknown error";
+#endif
+        log_.warning("accept() failed: error %d: %s", err, description);
+        return false;
+    }
+    peer.setBlocking(false);
+    peer.setNoDelay();
+    // The listening socket ends up in the temporary and is closed with it: one endpoint
+    // serves exactly one connection.
+    socket_.swap(peer);
+    peer.close();
+    return true;
+}
+
+}  // namespace mirrorlink
