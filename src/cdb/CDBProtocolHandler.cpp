@@ -1,0 +1,7 @@
+#include "cdb/CDBProtocolHandler.h"
+
+namespace zelcdbsdk {
+
+CDBProtocolHandler::~CDBProtocolHandler() = default;
+
+}  // namespace zelcdbsdk
