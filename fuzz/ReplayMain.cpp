@@ -1,5 +1,9 @@
 // Replays a fuzz target's corpus without a fuzzing engine: every file in the directories
 // (or the files) named on the command line goes once through LLVMFuzzerTestOneInput.
+
+// 64-bit directory offsets and inode numbers: without this a 32-bit build (ARM under qemu on
+// a 64-bit file system) gets EOVERFLOW from readdir and sees an empty corpus.
+#define _FILE_OFFSET_BITS 64
 #include <dirent.h>
 #include <sys/stat.h>
 

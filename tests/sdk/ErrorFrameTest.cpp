@@ -139,21 +139,36 @@ TEST(ErrorFrame, FailedAllocationReturnsOutOfMemory) {
     EXPECT_GE(failed, 3u);  // the vector twice and at least one string
 }
 
+// The operators are called directly: a new-expression whose result is unused may be
+// optimised away, and gtest's own allocations must stay outside the armed scopes.
 TEST(FailingAllocator, FailsOnlyTheNthInEachForm) {
+    void* nothrow[3];
+    bool triggered;
     {
         zeltest::FailNthAllocation failure(2);
-        std::unique_ptr<int> first(new (std::nothrow) int(1));
-        std::unique_ptr<int> second(new (std::nothrow) int(2));
-        std::unique_ptr<int> third(new (std::nothrow) int(3));
-        EXPECT_NE(first, nullptr);
-        EXPECT_EQ(second, nullptr);
-        EXPECT_NE(third, nullptr);
-        EXPECT_TRUE(failure.triggered());
+        for (void*& p : nothrow) p = ::operator new(sizeof(int), std::nothrow);
+        triggered = failure.triggered();
     }
-    zeltest::FailNthAllocation failure(1);
-    EXPECT_FALSE(failure.triggered());
-    EXPECT_THROW(delete[] new char[8], std::bad_alloc);
-    EXPECT_TRUE(failure.triggered());
+    EXPECT_TRUE(triggered);
+    EXPECT_NE(nothrow[0], nullptr);
+    EXPECT_EQ(nothrow[1], nullptr);
+    EXPECT_NE(nothrow[2], nullptr);
+    for (void* p : nothrow) ::operator delete(p);
+
+    bool before, threw = false;
+    {
+        zeltest::FailNthAllocation failure(1);
+        before = failure.triggered();
+        try {
+            ::operator delete[](::operator new[](8));
+        } catch (const std::bad_alloc&) {
+            threw = true;
+        }
+        triggered = failure.triggered();
+    }
+    EXPECT_FALSE(before);
+    EXPECT_TRUE(threw);
+    EXPECT_TRUE(triggered);
 }
 
 }  // namespace
