@@ -1,0 +1,222 @@
+#include "messaging/ControlMessageQueue.h"
+
+#include <memory>
+
+#include "messaging/Condition.h"
+#include "messaging/ControlMessage.h"
+#include "messaging/Mutex.h"
+#include "messaging/MutexFactory.h"
+
+namespace messaging {
+
+int ControlMessageQueue::QueuedMessage::service(bool perform) {
+    return perform ? message_->action() : 0;
+}
+
+ControlMessageQueue::QueuedMessageActionedAsynchronously::~QueuedMessageActionedAsynchronously() {
+    delete message_;
+}
+
+int ControlMessageQueue::QueuedMessageActionedAsynchronously::service(bool perform) {
+    std::unique_ptr<QueuedMessageActionedAsynchronously> self(this);
+    return QueuedMessage::service(perform);
+}
+
+ControlMessageQueue::QueuedMessageActionedSynchronously::QueuedMessageActionedSynchronously(
+    ControlMessage& message, Mutex& queueMutex, MutexFactory& factory)
+    : QueuedMessage(&message), queueMutex_(queueMutex), condition_(factory.createCondition()) {}
+
+ControlMessageQueue::QueuedMessageActionedSynchronously::~QueuedMessageActionedSynchronously() {
+    delete condition_;
+}
+
+int ControlMessageQueue::QueuedMessageActionedSynchronously::service(bool perform) {
+    int result = 0;
+    std::exception_ptr error;
+    try {
+        result = QueuedMessage::service(perform);
+    } catch (...) {
+        // The poster is waiting for this entry: it gets the exception, the servicing loop
+        // goes on.
+        error = std::current_exception();
+    }
+    MutexLock lock(queueMutex_);
+    result_ = result;
+    error_ = error;
+    done_ = true;
+    // The poster cannot return, and destroy this entry, before the lock is released, and
+    // nothing here touches the entry after that.
+    condition_->signal();
+    return result;
+}
+
+int ControlMessageQueue::QueuedMessageActionedSynchronously::waitForResult() {
+    while (!done_) condition_->wait(queueMutex_);
+    if (error_) std::rethrow_exception(error_);
+    return result_;
+}
+
+ControlMessageQueue::ControlMessageQueue(Servicer* servicer) : servicer_(servicer) {}
+
+ControlMessageQueue::~ControlMessageQueue() {
+    delete startCondition_;
+    delete startMutex_;
+    delete queueMutex_;
+}
+
+void ControlMessageQueue::createPrimitives(MutexFactory& factory) {
+    factory_ = &factory;
+    queueMutex_ = factory.createMutex();
+    startMutex_ = factory.createMutex();
+    startCondition_ = factory.createCondition();
+}
+
+int ControlMessageQueue::getWakeupDescriptor() {
+    MutexLock lock(*queueMutex_);
+    return wakeupDescriptor();
+}
+
+bool ControlMessageQueue::isRunning() {
+    MutexLock lock(*queueMutex_);
+    return state_ == kRunning;
+}
+
+void ControlMessageQueue::prepareStart() {
+    MutexLock lock(*startMutex_);
+    while (startPending_) startCondition_->wait(*startMutex_);
+    startPending_ = true;
+}
+
+void ControlMessageQueue::cancelStart() {
+    MutexLock lock(*startMutex_);
+    startPending_ = false;
+    startCondition_->signal();
+}
+
+bool ControlMessageQueue::start() {
+    prepareStart();
+    bool running;
+    {
+        MutexLock lock(*queueMutex_);
+        running = state_ == kRunning;
+    }
+    if (running) {
+        cancelStart();
+        return false;
+    }
+    joinEndedThread();
+    startThread();
+    return true;
+}
+
+void ControlMessageQueue::threadBody() {
+    bool initialised;
+    {
+        MutexLock lock(*queueMutex_);
+        initialised = initialiseInThread();
+        // A thread that failed still has to be joined, even after an earlier join().
+        state_ = initialised ? kRunning : kStopped;
+        MutexLock startLock(*startMutex_);
+        if (startPending_) {
+            startPending_ = false;
+            startCondition_->signal();
+        }
+    }
+    if (!initialised) return;
+    try {
+        servicer_->run();
+    } catch (...) {
+        // The servicer reports its own failures; an exception escaping a thread would end
+        // the process.
+    }
+    finish(true);
+}
+
+void ControlMessageQueue::postAsynchronously(ControlMessage* message) {
+    std::unique_ptr<ControlMessage> owned(message);
+    if (!message) return;
+    MutexLock lock(*queueMutex_);
+    if (state_ != kRunning) {
+        lock.unlock();
+        owned->action();
+        return;
+    }
+    std::unique_ptr<QueuedMessage> entry(new QueuedMessageActionedAsynchronously(message));
+    owned.release();
+    queue_.push_back(entry.get());
+    entry.release();
+    notify();
+}
+
+int ControlMessageQueue::postSynchronously(ControlMessage& message) {
+    if (isServicerThread()) return message.action();
+    MutexLock lock(*queueMutex_);
+    if (state_ != kRunning) {
+        lock.unlock();
+        return message.action();
+    }
+    QueuedMessageActionedSynchronously entry(message, *queueMutex_, *factory_);
+    queue_.push_back(&entry);
+    notify();
+    return entry.waitForResult();
+}
+
+void ControlMessageQueue::serviceMessages() {
+    for (;;) {
+        MutexLock lock(*queueMutex_);
+        // One byte per message keeps the pipe no fuller than the queue. A message whose
+        // byte could not be written (pipe full) is performed all the same: the loop stops
+        // on an empty queue, not on a missing byte.
+        consumeNotification();
+        if (queue_.empty()) return;
+        QueuedMessage* entry = queue_.front();
+        queue_.pop_front();
+        lock.unlock();
+        entry->service(true);
+    }
+}
+
+void ControlMessageQueue::finish(bool perform) {
+    MutexLock lock(*queueMutex_);
+    if (state_ != kRunning) return;
+    closeWakeup();
+    // Other threads may still queue behind us while the lock is released: they are served
+    // too, since the state only changes once the queue is empty.
+    while (!queue_.empty()) {
+        QueuedMessage* entry = queue_.front();
+        queue_.pop_front();
+        lock.unlock();
+        try {
+            entry->service(perform);
+        } catch (...) {
+        }
+        lock.lock();
+    }
+    state_ = kStopped;
+}
+
+void ControlMessageQueue::waitForStartUp() {
+    MutexLock lock(*startMutex_);
+    while (startPending_) startCondition_->wait(*startMutex_);
+    // The condition wakes one waiter; pass the wake-up on in case it was meant for a start
+    // waiting in prepareStart().
+    startCondition_->signal();
+}
+
+void ControlMessageQueue::join() {
+    if (isServicerThread()) return;
+    // A thread still starting up has not recorded itself yet and could not be waited for.
+    waitForStartUp();
+    joinEndedThread();
+}
+
+void ControlMessageQueue::joinEndedThread() {
+    MutexLock lock(*queueMutex_);
+    if (state_ >= kJoined) return;
+    lock.unlock();
+    joinThread();
+    lock.lock();
+    state_ = kJoined;
+}
+
+}  // namespace messaging

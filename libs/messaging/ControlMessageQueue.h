@@ -1,0 +1,182 @@
+#pragma once
+
+#include <deque>
+#include <exception>
+
+namespace messaging {
+
+class Condition;
+class ControlMessage;
+class Mutex;
+class MutexFactory;
+
+// Gives one servicing thread (the endpoint thread) a first-in first-out queue of control
+// messages that any thread may post to, and a wake-up descriptor that the servicing thread's
+// own event loop watches next to its sockets: one byte is written per queued message, and
+// the loop calls serviceMessages() when the descriptor is readable.
+//
+// The queue owns the thread's life: start() creates the thread, which initialises the
+// wake-up descriptor, moves the queue to running and calls the servicer's run(); when run()
+// returns, the messages still queued are performed on that thread and the queue stops.
+// join() waits for the thread. Platform calls are behind the protected operations, which a
+// platform subclass (ControlMessageQueueUNIX) implements.
+//
+// Locks: queueMutex_ guards the state, the queue and the platform's thread record and
+// wake-up descriptors; startMutex_ guards startPending_. queueMutex_ is always taken before
+// startMutex_, never the other way round. No message is performed while queueMutex_ is held.
+class ControlMessageQueue {
+public:
+    // The object whose run() is the body of the servicing thread.
+    class Servicer {
+    public:
+        virtual ~Servicer() = default;
+        virtual void run() = 0;
+    };
+
+    // A queue entry. service(perform) performs the message only when perform is true (false
+    // discards it) and returns the action's result, 0 when not performed.
+    class QueuedMessage {
+    public:
+        explicit QueuedMessage(ControlMessage* message) : message_(message) {}
+        virtual ~QueuedMessage() = default;
+        QueuedMessage(const QueuedMessage&) = delete;
+        QueuedMessage& operator=(const QueuedMessage&) = delete;
+        virtual int service(bool perform);
+
+    protected:
+        ControlMessage* message_;
+    };
+
+    // Owns its (cloned) message; service() deletes the entry and the message, also when the
+    // action throws.
+    class QueuedMessageActionedAsynchronously : public QueuedMessage {
+    public:
+        explicit QueuedMessageActionedAsynchronously(ControlMessage* message)
+            : QueuedMessage(message) {}
+        ~QueuedMessageActionedAsynchronously() override;
+        int service(bool perform) override;
+    };
+
+    // Lives on the posting thread's stack and borrows the message. service() hands the
+    // result, or the exception the action threw, to the poster waiting in waitForResult().
+    class QueuedMessageActionedSynchronously : public QueuedMessage {
+    public:
+        // Throws std::bad_alloc when the condition cannot be created.
+        QueuedMessageActionedSynchronously(ControlMessage& message, Mutex& queueMutex,
+                                           MutexFactory& factory);
+        ~QueuedMessageActionedSynchronously() override;
+        int service(bool perform) override;
+        // Called with queueMutex held; returns with it held.
+        int waitForResult();
+
+    private:
+        Mutex& queueMutex_;
+        Condition* condition_;
+        // State below is protected by queueMutex_.
+        bool done_ = false;
+        int result_ = 0;
+        std::exception_ptr error_;
+    };
+
+    // The servicer is not owned and must outlive the servicing thread.
+    explicit ControlMessageQueue(Servicer* servicer);
+    // Deletes the mutexes and the condition. A platform subclass's destructor first calls
+    // finish(false) and join(), so messages still queued are discarded, not performed.
+    virtual ~ControlMessageQueue();
+    ControlMessageQueue(const ControlMessageQueue&) = delete;
+    ControlMessageQueue& operator=(const ControlMessageQueue&) = delete;
+
+    // The wake-up descriptor for the servicing thread's select(), -1 while not running.
+    virtual int getWakeupDescriptor();
+
+    // Creates the servicing thread. Throws plat::SystemException when it cannot; the queue
+    // stays stopped. Call after prepareStart() (start() does both).
+    virtual void startThread() = 0;
+
+    // True when the calling thread is the servicing thread. Must not be called with
+    // queueMutex_ held.
+    virtual bool isServicerThread() = 0;
+
+    // Running: the servicing thread has initialised and has not yet finished.
+    bool isRunning();
+
+    // Waits until no other thread's start-up is pending, then marks one as pending.
+    void prepareStart();
+    // prepareStart(), then joins a servicing thread that ended on its own (its record is
+    // about to be replaced), then startThread(). Returns false, starting nothing, when the
+    // queue is already running (another start won the race). Returns before the new
+    // thread has initialised; a thread that fails to initialise leaves the queue stopped.
+    bool start();
+
+    // Takes ownership of a heap message (null is ignored). While running, it is queued and
+    // performed on the servicing thread. Otherwise it is performed at once on the calling
+    // thread and deleted; an exception from its action propagates to the caller.
+    void postAsynchronously(ControlMessage* message);
+    // Queues the caller's message and waits until the servicing thread has performed it;
+    // returns the action's result, or rethrows what the action threw. Performs it at once
+    // on the calling thread when not running, and also on the servicing thread itself
+    // (which would otherwise wait for itself). A message discarded by finish(false) gives 0.
+    int postSynchronously(ControlMessage& message);
+
+    // Called by the servicing thread's event loop when the wake-up descriptor is readable:
+    // performs the queued messages in order, consuming one wake-up byte for each.
+    // Exceptions from an action propagate to the loop; that entry is already freed and
+    // later entries stay queued.
+    void serviceMessages();
+
+    // If running: closes the wake-up descriptor, then services every remaining entry in
+    // order (performing it when perform is true) and stops the queue. Exceptions from the
+    // actions are swallowed: there is nobody left to report them to.
+    void finish(bool perform);
+
+    // Waits until no thread's start-up is pending. Call before deciding on isRunning()
+    // right after a start: until then the new thread may still be about to run.
+    void waitForStartUp();
+
+    // Waits for a pending start-up, then for the servicing thread to end, and marks the
+    // queue joined. Harmless when already joined or when no thread ever ran; does nothing
+    // on the servicing thread itself. Not to be called from two threads at once.
+    void join();
+
+protected:
+    // Creates the mutexes and the condition; called by the subclass's constructor once the
+    // factory can be used. Throws std::bad_alloc.
+    void createPrimitives(MutexFactory& factory);
+    // The body of the servicing thread, called by the platform's thread entry.
+    void threadBody();
+    // Gives up a start marked by prepareStart() when no thread could be created.
+    void cancelStart();
+    Mutex& queueMutex() { return *queueMutex_; }
+    // join() without waiting for a pending start-up (start() holds that start itself).
+    void joinEndedThread();
+
+    // Platform operations. All but joinThread() are called with queueMutex_ held (the
+    // destructor's last closeWakeup() runs after the thread is gone). initialiseInThread(),
+    // on the new thread, records it as the servicing thread and creates the wake-up
+    // descriptor; false when the descriptor cannot be created.
+    virtual bool initialiseInThread() = 0;
+    virtual void closeWakeup() = 0;
+    virtual int wakeupDescriptor() = 0;
+    // Waits for the recorded thread, if any, then forgets it. Takes queueMutex_ itself.
+    virtual void joinThread() = 0;
+    // Writes one wake-up byte.
+    virtual void notify() = 0;
+    // Reads one wake-up byte without blocking; true if one was read.
+    virtual bool consumeNotification() = 0;
+
+private:
+    enum State : int { kRunning = 0, kStopped = 1, kJoined = 2 };
+
+    Servicer* servicer_;
+    MutexFactory* factory_ = nullptr;
+    Mutex* queueMutex_ = nullptr;
+    Mutex* startMutex_ = nullptr;
+    Condition* startCondition_ = nullptr;  // signalled when a start-up is no longer pending
+    // State below is protected by queueMutex_.
+    int state_ = kStopped;
+    std::deque<QueuedMessage*> queue_;
+    // State below is protected by startMutex_.
+    bool startPending_ = false;
+};
+
+}  // namespace messaging

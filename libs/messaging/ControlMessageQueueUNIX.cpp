@@ -1,0 +1,124 @@
+#include "messaging/ControlMessageQueueUNIX.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "messaging/ConditionUNIX.h"
+#include "messaging/Mutex.h"
+#include "messaging/MutexUNIX.h"
+#include "plat/Exception.h"
+
+namespace messaging {
+
+namespace {
+
+bool addFlags(int fd, int statusFlags) {
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | statusFlags) < 0) return false;
+    // The library lives inside the application's process: its pipe must not leak into
+    // programs the application executes.
+    int fdFlags = fcntl(fd, F_GETFD);
+    return fdFlags >= 0 && fcntl(fd, F_SETFD, fdFlags | FD_CLOEXEC) == 0;
+}
+
+}  // namespace
+
+ControlMessageQueueUNIX::ControlMessageQueueUNIX(Servicer* servicer)
+    : ControlMessageQueue(servicer) {
+    createPrimitives(*this);
+}
+
+ControlMessageQueueUNIX::~ControlMessageQueueUNIX() {
+    // A thread still starting up would otherwise run on a destroyed queue.
+    waitForStartUp();
+    finish(false);
+    join();
+    closeWakeup();
+}
+
+Mutex* ControlMessageQueueUNIX::createMutex() {
+    return new MutexUNIX;
+}
+
+Condition* ControlMessageQueueUNIX::createCondition() {
+    return new ConditionUNIX;
+}
+
+void* ControlMessageQueueUNIX::threadEntry(void* queue) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    static_cast<ControlMessageQueueUNIX*>(queue)->threadBody();
+    return nullptr;
+}
+
+void ControlMessageQueueUNIX::startThread() {
+    pthread_t thread;
+    int err = pthread_create(&thread, nullptr, threadEntry, this);
+    if (err != 0) {
+        cancelStart();
+        throw plat::SystemException("pthread_create", err);
+    }
+}
+
+bool ControlMessageQueueUNIX::initialiseInThread() {
+    // Recorded first, so that a thread that fails below is still joined.
+    thread_ = pthread_self();
+    threadRecorded_ = true;
+    closeWakeup();
+    int fds[2];
+    if (pipe(fds) != 0) return false;
+    // The read end must not block: select() may report it readable when no byte is left.
+    // The write end must not block either: a poster writes while holding the queue mutex,
+    // and the servicing thread needs that mutex to drain a full pipe.
+    if (!addFlags(fds[0], O_NONBLOCK) || !addFlags(fds[1], O_NONBLOCK)) {
+        close(fds[0]);
+        close(fds[1]);
+        return false;
+    }
+    readFd_ = fds[0];
+    writeFd_ = fds[1];
+    return true;
+}
+
+bool ControlMessageQueueUNIX::isServicerThread() {
+    MutexLock lock(queueMutex());
+    return threadRecorded_ && pthread_equal(pthread_self(), thread_);
+}
+
+void ControlMessageQueueUNIX::closeWakeup() {
+    if (readFd_ >= 0) close(readFd_);
+    if (writeFd_ >= 0) close(writeFd_);
+    readFd_ = -1;
+    writeFd_ = -1;
+}
+
+void ControlMessageQueueUNIX::joinThread() {
+    pthread_t thread;
+    {
+        MutexLock lock(queueMutex());
+        if (!threadRecorded_) return;
+        thread = thread_;
+    }
+    // The record stays while the thread ends, so that it still knows itself as the
+    // servicing thread.
+    pthread_join(thread, nullptr);
+    MutexLock lock(queueMutex());
+    if (threadRecorded_ && pthread_equal(thread_, thread)) threadRecorded_ = false;
+}
+
+void ControlMessageQueueUNIX::notify() {
+    const char zero = 0;
+    if (write(writeFd_, &zero, 1) != 1) {
+        // Pipe full or already closed: serviceMessages() does not depend on the byte.
+    }
+}
+
+bool ControlMessageQueueUNIX::consumeNotification() {
+    char byte;
+    return read(readFd_, &byte, 1) == 1;
+}
+
+}  // namespace messaging
