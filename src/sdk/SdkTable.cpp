@@ -1,26 +1,30 @@
 #include "sdk/SdkTable.h"
 
+#include <cstring>
+
 #include "sdk/ErrorException.h"
 
 namespace zelcdbsdk {
 
 namespace {
 
-void sdkUninitialize() { processTearDown(); }
+void sdkUninitialize() {
+    processTearDown();
+}
 
-const char* getErrorName(ZELCDBError error) { return errorName(error); }
+const char* getErrorName(ZELCDBError error) {
+    return errorName(error);
+}
 
 uint32_t hashName(const char* name, uint32_t length) {
     uint32_t hash = 5381;
     if (name == nullptr) return hash;
-    if (length == ZELSBP_NUL_TERMINATED) {
-        for (const char* p = name; *p; ++p) hash = hash * 65599u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*p)));
-        return hash;
-    }
+    if (length == ZELSBP_NUL_TERMINATED) length = static_cast<uint32_t>(std::strlen(name));
     // Bytes are taken as signed so that names with bytes above 0x7F hash to the same UIDs
     // as on peers.
     for (uint32_t i = 0; i < length; ++i) {
-        hash = hash * 65599u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(name[i])));
+        hash = hash * 65599u +
+               static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(name[i])));
     }
     return hash;
 }
@@ -41,7 +45,9 @@ const ZELCDBSDK kTable = makeTable();
 
 }  // namespace
 
-const ZELCDBSDK& sdkTable() { return kTable; }
+const ZELCDBSDK& sdkTable() {
+    return kTable;
+}
 
 // Nothing in the library needs process-wide state yet: every component keeps its own.
 void processSetUp() {}
