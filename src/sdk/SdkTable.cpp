@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "sbp/SBPCodecEntries.h"
 #include "sdk/ErrorException.h"
 
 namespace zelcdbsdk {
@@ -38,6 +39,7 @@ ZELCDBSDK makeTable() {
     table.sdkUninitialize = &sdkUninitialize;
     table.getErrorName = &getErrorName;
     table.hashName = &hashName;
+    fillSBPCodecEntries(table);
     return table;
 }
 
