@@ -63,53 +63,53 @@ ZELCDBError serializerGetData(ZELSBPSerializer* serializer, const uint8_t** data
     });
 }
 
-ZELCDBError serializerAddBoolean(ZELSBPSerializer* serializer, uint32_t uid, int32_t value) {
+// The checked path of a scalar add, kept out of line so that the common case below stays
+// a leaf function without a stack frame.
+template <typename T>
+__attribute__((noinline)) ZELCDBError addScalarChecked(ZELSBPSerializer* serializer, uint32_t uid,
+                                                       T value) noexcept {
     return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
-        s.addBoolean(uid, value != 0);
+        s.add(uid, value);
         return ZELCDBErrorNone;
     });
+}
+
+// A scalar add: the fast path cannot fail, so it needs nothing from the frame; anything it
+// does not cover (top level, errors, a full buffer) takes the checked path.
+template <typename T>
+ZELCDBError addScalar(ZELSBPSerializer* serializer, uint32_t uid, T value) {
+    return runGuarded(kSerializerLog, [&]() -> ZELCDBError {
+        if (serializer != nullptr && serializer->tryAdd(uid, value)) return ZELCDBErrorNone;
+        return addScalarChecked(serializer, uid, value);
+    });
+}
+
+ZELCDBError serializerAddBoolean(ZELSBPSerializer* serializer, uint32_t uid, int32_t value) {
+    return addScalar(serializer, uid, value != 0);
 }
 
 ZELCDBError serializerAddByte(ZELSBPSerializer* serializer, uint32_t uid, int8_t value) {
-    return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
-        s.addByte(uid, value);
-        return ZELCDBErrorNone;
-    });
+    return addScalar(serializer, uid, value);
 }
 
 ZELCDBError serializerAddShort(ZELSBPSerializer* serializer, uint32_t uid, int16_t value) {
-    return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
-        s.addShort(uid, value);
-        return ZELCDBErrorNone;
-    });
+    return addScalar(serializer, uid, value);
 }
 
 ZELCDBError serializerAddInt(ZELSBPSerializer* serializer, uint32_t uid, int32_t value) {
-    return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
-        s.addInt(uid, value);
-        return ZELCDBErrorNone;
-    });
+    return addScalar(serializer, uid, value);
 }
 
 ZELCDBError serializerAddLong(ZELSBPSerializer* serializer, uint32_t uid, int64_t value) {
-    return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
-        s.addLong(uid, value);
-        return ZELCDBErrorNone;
-    });
+    return addScalar(serializer, uid, value);
 }
 
 ZELCDBError serializerAddFloat(ZELSBPSerializer* serializer, uint32_t uid, float value) {
-    return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
-        s.addFloat(uid, value);
-        return ZELCDBErrorNone;
-    });
+    return addScalar(serializer, uid, value);
 }
 
 ZELCDBError serializerAddDouble(ZELSBPSerializer* serializer, uint32_t uid, double value) {
-    return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
-        s.addDouble(uid, value);
-        return ZELCDBErrorNone;
-    });
+    return addScalar(serializer, uid, value);
 }
 
 ZELCDBError serializerAddBytes(ZELSBPSerializer* serializer, uint32_t uid, const uint8_t* data,

@@ -27,4 +27,24 @@ inline bool isScalarArrayElementType(uint8_t type) {
     return index < 7 && kAllowed[index] != 0;
 }
 
+// Big-endian stores into room the caller has reserved; each returns the position after.
+inline uint8_t* sbpPutU16(uint8_t* p, uint16_t v) {
+    p[0] = static_cast<uint8_t>(v >> 8);
+    p[1] = static_cast<uint8_t>(v);
+    return p + 2;
+}
+
+inline uint8_t* sbpPutU32(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 24);
+    p[1] = static_cast<uint8_t>(v >> 16);
+    p[2] = static_cast<uint8_t>(v >> 8);
+    p[3] = static_cast<uint8_t>(v);
+    return p + 4;
+}
+
+inline uint8_t* sbpPutU64(uint8_t* p, uint64_t v) {
+    sbpPutU32(p, static_cast<uint32_t>(v >> 32));
+    return sbpPutU32(p + 4, static_cast<uint32_t>(v));
+}
+
 }  // namespace zelcdbsdk

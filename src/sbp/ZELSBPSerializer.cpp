@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "sbp/SBPDataFormat.h"
-#include "sbp/SBPFloatBits.h"
 #include "sdk/ErrorException.h"
 
 using zelcdbsdk::ErrorException;
@@ -12,25 +10,11 @@ namespace {
 
 // Every count field starts as zeros and gets its value when the container ends.
 constexpr size_t kCountBytes = 4;
-constexpr size_t kFullHeaderBytes = 5;
 
-inline uint8_t* putU16(uint8_t* p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v >> 8);
-    p[1] = static_cast<uint8_t>(v);
-    return p + 2;
-}
-
-inline uint8_t* putU32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-    return p + 4;
-}
-
-inline uint8_t* putU64(uint8_t* p, uint64_t v) {
-    putU32(p, static_cast<uint32_t>(v >> 32));
-    return putU32(p + 4, static_cast<uint32_t>(v));
+inline bool isAscii8(const uint8_t* p) {
+    uint64_t word;
+    std::memcpy(&word, p, sizeof word);
+    return (word & 0x8080808080808080ull) == 0;
 }
 
 // Leading one bits of a UTF-8 lead byte.
@@ -43,7 +27,7 @@ inline unsigned leadingOnes(uint8_t byte) {
 }  // namespace
 
 void ZELSBPSerializer::Buffer::patchU32(uint32_t position, uint32_t value) {
-    putU32(start_ + position, value);
+    zelcdbsdk::sbpPutU32(start_ + position, value);
 }
 
 ZELSBPSerializer::ZELSBPSerializer() {
@@ -54,40 +38,23 @@ ZELSBPSerializer::~ZELSBPSerializer() {
     while (!stack_.empty()) pop();
 }
 
-uint8_t* ZELSBPSerializer::writeHeader(uint32_t uid, uint8_t type, size_t payloadBytes) {
-    if (stack_.empty()) {
-        uint8_t* p = buffer_.reserve(kFullHeaderBytes + payloadBytes);
-        p = putU32(p, uid);
-        *p++ = type;
-        return p;
-    }
-    SerializerStackEntry& top = stack_.back();
-    if (top.elementType != 0 && top.elementType != type) {
-        throw ErrorException(ZELCDBErrorSBPSerializeUnexpectedType);
-    }
-    uint8_t* p;
-    if (top.containerType == zelcdbsdk::kSBPTypeStructure || top.containerType == 0) {
-        p = buffer_.reserve(kFullHeaderBytes + payloadBytes);
-        p = putU32(p, uid);
-        *p++ = type;
-    } else {
-        if (uid != 0) throw ErrorException(ZELCDBErrorSBPSerializeUnexpectedUID);
-        if (top.containerType == zelcdbsdk::kSBPTypeScalarArray) {
-            p = buffer_.reserve(payloadBytes);
-        } else {
-            p = buffer_.reserve(1 + payloadBytes);
-            *p++ = type;
-        }
-    }
-    ++top.count;
-    return p;
+void ZELSBPSerializer::refuse(ZELCDBError code) {
+    throw ErrorException(code);
 }
 
 void ZELSBPSerializer::push(uint32_t containerType, uint32_t elementType, uint8_t* countField) {
     uint32_t position = static_cast<uint32_t>(countField - buffer_.data());
     std::memset(countField, 0, kCountBytes);
     buffer_.commit(countField + kCountBytes);
-    stack_.push_back(SerializerStackEntry{&buffer_, containerType, elementType, position, 0});
+    // Filled in place: building the record on the stack and copying it in costs a
+    // store-forwarding stall per container.
+    stack_.emplace_back();
+    SerializerStackEntry& entry = stack_.back();
+    entry.stream = &buffer_;
+    entry.containerType = containerType;
+    entry.elementType = elementType;
+    entry.countPosition = position;
+    entry.count = 0;
 }
 
 void ZELSBPSerializer::pop() {
@@ -96,46 +63,9 @@ void ZELSBPSerializer::pop() {
     stack_.pop_back();
 }
 
-void ZELSBPSerializer::addBoolean(uint32_t uid, bool value) {
-    uint8_t* p = writeHeader(uid, zelcdbsdk::kSBPTypeBoolean, 1);
-    *p++ = value ? 1 : 0;
-    buffer_.commit(p);
-}
-
-void ZELSBPSerializer::addByte(uint32_t uid, int8_t value) {
-    uint8_t* p = writeHeader(uid, zelcdbsdk::kSBPTypeByte, 1);
-    *p++ = static_cast<uint8_t>(value);
-    buffer_.commit(p);
-}
-
-void ZELSBPSerializer::addShort(uint32_t uid, int16_t value) {
-    uint8_t* p = writeHeader(uid, zelcdbsdk::kSBPTypeShort, 2);
-    buffer_.commit(putU16(p, static_cast<uint16_t>(value)));
-}
-
-void ZELSBPSerializer::addInt(uint32_t uid, int32_t value) {
-    uint8_t* p = writeHeader(uid, zelcdbsdk::kSBPTypeInt, 4);
-    buffer_.commit(putU32(p, static_cast<uint32_t>(value)));
-}
-
-void ZELSBPSerializer::addLong(uint32_t uid, int64_t value) {
-    uint8_t* p = writeHeader(uid, zelcdbsdk::kSBPTypeLong, 8);
-    buffer_.commit(putU64(p, static_cast<uint64_t>(value)));
-}
-
-void ZELSBPSerializer::addFloat(uint32_t uid, float value) {
-    uint8_t* p = writeHeader(uid, zelcdbsdk::kSBPTypeFloat, 4);
-    buffer_.commit(putU32(p, zelcdbsdk::sbpFloatBits(value)));
-}
-
-void ZELSBPSerializer::addDouble(uint32_t uid, double value) {
-    uint8_t* p = writeHeader(uid, zelcdbsdk::kSBPTypeDouble, 8);
-    buffer_.commit(putU64(p, zelcdbsdk::sbpFloatBits(value)));
-}
-
 void ZELSBPSerializer::addBytes(uint32_t uid, const uint8_t* data, uint32_t length) {
     uint8_t* p = writeHeader(uid, zelcdbsdk::kSBPTypeBytes, kCountBytes);
-    buffer_.commit(putU32(p, length));
+    buffer_.commit(zelcdbsdk::sbpPutU32(p, length));
     if (length > 0) buffer_.writeBytes(data, length);
 }
 
@@ -144,7 +74,7 @@ void ZELSBPSerializer::addString(uint32_t uid, const char* text, uint32_t length
     // The length field carries the UTF-8 byte count while the payload carries one 16-bit
     // unit per character. Peers write and read it this way, so only ASCII text round-trips:
     // keep it.
-    buffer_.commit(putU32(p, length));
+    buffer_.commit(zelcdbsdk::sbpPutU32(p, length));
 
     const uint8_t* in = reinterpret_cast<const uint8_t*>(text);
     uint32_t i = 0;
@@ -155,9 +85,19 @@ void ZELSBPSerializer::addString(uint32_t uid, const char* text, uint32_t length
         uint32_t chunkEnd = length - i > kChunk ? i + kChunk : length;
         uint8_t* out = buffer_.reserve(2 * static_cast<size_t>(chunkEnd - i));
         while (i < chunkEnd) {
+            // Runs of ASCII, the usual text, go eight bytes at a time.
+            while (chunkEnd - i >= 8 && isAscii8(in + i)) {
+                for (int k = 0; k < 8; ++k) {
+                    out[2 * k] = 0;
+                    out[2 * k + 1] = in[i + k];
+                }
+                out += 16;
+                i += 8;
+            }
+            if (i == chunkEnd) break;
             uint8_t lead = in[i];
             if (lead < 0x80) {
-                out = putU16(out, lead);
+                out = zelcdbsdk::sbpPutU16(out, lead);
                 ++i;
                 continue;
             }
@@ -175,7 +115,7 @@ void ZELSBPSerializer::addString(uint32_t uid, const char* text, uint32_t length
                 buffer_.commit(out);
                 throw ErrorException(ZELCDBErrorInvalidParameter);
             }
-            out = putU16(out, static_cast<uint16_t>(value));
+            out = zelcdbsdk::sbpPutU16(out, static_cast<uint16_t>(value));
             i += n;
         }
         buffer_.commit(out);

@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "rdr/MemOutStream.h"
+#include "sbp/SBPDataFormat.h"
+#include "sbp/SBPFloatBits.h"
 #include "zelcdbsdk.h"
 
 // One open container of a serializer: a structure, a scalar array, an array of structures
@@ -41,13 +43,40 @@ public:
     const uint8_t* data() const { return buffer_.data(); }
     uint32_t length() const { return static_cast<uint32_t>(buffer_.written()); }
 
-    void addBoolean(uint32_t uid, bool value);
-    void addByte(uint32_t uid, int8_t value);
-    void addShort(uint32_t uid, int16_t value);
-    void addInt(uint32_t uid, int32_t value);
-    void addLong(uint32_t uid, int64_t value);
-    void addFloat(uint32_t uid, float value);
-    void addDouble(uint32_t uid, double value);
+    // Adds a scalar; T picks the type: bool, int8_t, int16_t, int32_t, int64_t, float or
+    // double. Inline: applications call it once per value, often thousands of times per
+    // payload.
+    template <typename T>
+    void add(uint32_t uid, T value) {
+        buffer_.commit(putPayload(writeHeader(uid, typeOf(value), sizeof(T)), value));
+    }
+
+    // The common case of a scalar: inside an open container that takes it, with room in the
+    // buffer. Writes the value, counts it and returns true. Returns false having done nothing
+    // in every other case (top level, a misplaced value, a full buffer), which the checked
+    // add above then handles. Never throws, never allocates.
+    template <typename T>
+    bool tryAdd(uint32_t uid, T value) {
+        const uint8_t type = typeOf(value);
+        if (stack_.empty()) return false;
+        SerializerStackEntry& top = stack_.back();
+        if (top.elementType != 0 && top.elementType != type) return false;
+        uint8_t* p = buffer_.ptr();
+        if (buffer_.room() < 5 + sizeof(T)) return false;
+        if (top.containerType == zelcdbsdk::kSBPTypeScalarArray) {
+            if (uid != 0) return false;
+        } else if (top.containerType == zelcdbsdk::kSBPTypeStructureArray) {
+            if (uid != 0) return false;
+            *p++ = type;
+        } else {
+            p = zelcdbsdk::sbpPutU32(p, uid);
+            *p++ = type;
+        }
+        ++top.count;
+        buffer_.commit(putPayload(p, value));
+        return true;
+    }
+
     // data may be null only when length is 0 (checked by the caller).
     void addBytes(uint32_t uid, const uint8_t* data, uint32_t length);
     // length is the UTF-8 byte count; text may be null only when length is 0.
@@ -71,6 +100,7 @@ private:
         Buffer() : rdr::MemOutStream(kInitialCapacity, 0) {}
 
         size_t written() const { return static_cast<size_t>(ptr_ - start_); }
+        size_t room() const { return static_cast<size_t>(end_ - ptr_); }
         // Room for n more bytes (grows by doubling); returns where they go.
         uint8_t* reserve(size_t n) {
             if (static_cast<size_t>(end_ - ptr_) < n) overrun(n, 1);
@@ -83,8 +113,66 @@ private:
 
     // Checks where a value of this type may go, counts it in its container and returns the
     // write position after its header (UID and type, type only, or nothing). payloadBytes is
-    // reserved beyond the header.
-    uint8_t* writeHeader(uint32_t uid, uint8_t type, size_t payloadBytes);
+    // reserved beyond the header. The checks come before anything is written or counted.
+    uint8_t* writeHeader(uint32_t uid, uint8_t type, size_t payloadBytes) {
+        if (stack_.empty()) return writeFullHeader(uid, type, payloadBytes);
+        SerializerStackEntry& top = stack_.back();
+        if (top.elementType != 0 && top.elementType != type) {
+            refuse(ZELCDBErrorSBPSerializeUnexpectedType);
+        }
+        uint8_t* p;
+        if (top.containerType == zelcdbsdk::kSBPTypeStructure || top.containerType == 0) {
+            p = writeFullHeader(uid, type, payloadBytes);
+        } else {
+            // Array elements carry no UID; scalar elements not even a type byte.
+            if (uid != 0) refuse(ZELCDBErrorSBPSerializeUnexpectedUID);
+            if (top.containerType == zelcdbsdk::kSBPTypeScalarArray) {
+                p = buffer_.reserve(payloadBytes);
+            } else {
+                p = buffer_.reserve(1 + payloadBytes);
+                *p++ = type;
+            }
+        }
+        ++top.count;
+        return p;
+    }
+    uint8_t* writeFullHeader(uint32_t uid, uint8_t type, size_t payloadBytes) {
+        uint8_t* p = zelcdbsdk::sbpPutU32(buffer_.reserve(5 + payloadBytes), uid);
+        *p++ = type;
+        return p;
+    }
+    [[noreturn]] static void refuse(ZELCDBError code);
+
+    static constexpr uint8_t typeOf(bool) { return zelcdbsdk::kSBPTypeBoolean; }
+    static constexpr uint8_t typeOf(int8_t) { return zelcdbsdk::kSBPTypeByte; }
+    static constexpr uint8_t typeOf(int16_t) { return zelcdbsdk::kSBPTypeShort; }
+    static constexpr uint8_t typeOf(int32_t) { return zelcdbsdk::kSBPTypeInt; }
+    static constexpr uint8_t typeOf(int64_t) { return zelcdbsdk::kSBPTypeLong; }
+    static constexpr uint8_t typeOf(float) { return zelcdbsdk::kSBPTypeFloat; }
+    static constexpr uint8_t typeOf(double) { return zelcdbsdk::kSBPTypeDouble; }
+    static uint8_t* putPayload(uint8_t* p, bool v) {
+        *p = v ? 1 : 0;
+        return p + 1;
+    }
+    static uint8_t* putPayload(uint8_t* p, int8_t v) {
+        *p = static_cast<uint8_t>(v);
+        return p + 1;
+    }
+    static uint8_t* putPayload(uint8_t* p, int16_t v) {
+        return zelcdbsdk::sbpPutU16(p, static_cast<uint16_t>(v));
+    }
+    static uint8_t* putPayload(uint8_t* p, int32_t v) {
+        return zelcdbsdk::sbpPutU32(p, static_cast<uint32_t>(v));
+    }
+    static uint8_t* putPayload(uint8_t* p, int64_t v) {
+        return zelcdbsdk::sbpPutU64(p, static_cast<uint64_t>(v));
+    }
+    static uint8_t* putPayload(uint8_t* p, float v) {
+        return zelcdbsdk::sbpPutU32(p, zelcdbsdk::sbpFloatBits(v));
+    }
+    static uint8_t* putPayload(uint8_t* p, double v) {
+        return zelcdbsdk::sbpPutU64(p, zelcdbsdk::sbpFloatBits(v));
+    }
     void push(uint32_t containerType, uint32_t elementType, uint8_t* countField);
     void pop();
 
