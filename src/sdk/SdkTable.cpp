@@ -43,12 +43,13 @@ ZELCDBSDK makeTable() {
     return table;
 }
 
-const ZELCDBSDK kTable = makeTable();
-
 }  // namespace
 
+// Built on first use, so that a static constructor of a statically linked application that
+// calls ZELCDBSDKInitialize never sees an unfilled table.
 const ZELCDBSDK& sdkTable() {
-    return kTable;
+    static const ZELCDBSDK table = makeTable();
+    return table;
 }
 
 // Nothing in the library needs process-wide state yet: every component keeps its own.
