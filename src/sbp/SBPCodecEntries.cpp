@@ -66,22 +66,22 @@ ZELCDBError serializerGetData(ZELSBPSerializer* serializer, const uint8_t** data
 // The checked path of a scalar add, kept out of line so that the common case below stays
 // a leaf function without a stack frame.
 template <typename T>
-__attribute__((noinline)) ZELCDBError addScalarChecked(ZELSBPSerializer* serializer, uint32_t uid,
-                                                       T value) noexcept {
+__attribute__((noinline, cold)) ZELCDBError addScalarChecked(ZELSBPSerializer* serializer,
+                                                             uint32_t uid, T value) noexcept {
     return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
         s.add(uid, value);
         return ZELCDBErrorNone;
     });
 }
 
-// A scalar add: the fast path cannot fail, so it needs nothing from the frame; anything it
-// does not cover (top level, errors, a full buffer) takes the checked path.
+// A scalar add: the fast path cannot fail or throw, so it needs nothing from the frame;
+// anything it does not cover (top level, errors, a full buffer) takes the checked path.
 template <typename T>
-ZELCDBError addScalar(ZELSBPSerializer* serializer, uint32_t uid, T value) {
-    return runGuarded(kSerializerLog, [&]() -> ZELCDBError {
-        if (serializer != nullptr && serializer->tryAdd(uid, value)) return ZELCDBErrorNone;
-        return addScalarChecked(serializer, uid, value);
-    });
+ZELCDBError addScalar(ZELSBPSerializer* serializer, uint32_t uid, T value) noexcept {
+    if (__builtin_expect(serializer != nullptr && serializer->tryAdd(uid, value), 1)) {
+        return ZELCDBErrorNone;
+    }
+    return addScalarChecked(serializer, uid, value);
 }
 
 ZELCDBError serializerAddBoolean(ZELSBPSerializer* serializer, uint32_t uid, int32_t value) {
@@ -121,14 +121,25 @@ ZELCDBError serializerAddBytes(ZELSBPSerializer* serializer, uint32_t uid, const
     });
 }
 
-ZELCDBError serializerAddString(ZELSBPSerializer* serializer, uint32_t uid, const char* utf8,
-                                uint32_t length) {
+__attribute__((noinline)) ZELCDBError addStringChecked(ZELSBPSerializer* serializer, uint32_t uid,
+                                                       const char* utf8, uint32_t length) {
     return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
         if (utf8 == nullptr && length != 0) return ZELCDBErrorInvalidParameter;
         if (length == ZELSBP_NUL_TERMINATED) length = static_cast<uint32_t>(std::strlen(utf8));
         s.addString(uid, utf8, length);
         return ZELCDBErrorNone;
     });
+}
+
+// Short ASCII text in a structure takes the fast path, which cannot fail or throw.
+ZELCDBError serializerAddString(ZELSBPSerializer* serializer, uint32_t uid, const char* utf8,
+                                uint32_t length) {
+    if (serializer != nullptr && utf8 != nullptr) {
+        uint32_t n =
+            length == ZELSBP_NUL_TERMINATED ? static_cast<uint32_t>(std::strlen(utf8)) : length;
+        if (serializer->tryAddAsciiString(uid, utf8, n)) return ZELCDBErrorNone;
+    }
+    return addStringChecked(serializer, uid, utf8, length);
 }
 
 ZELCDBError serializerBeginValueList(ZELSBPSerializer* serializer) {

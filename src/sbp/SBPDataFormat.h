@@ -27,6 +27,13 @@ inline bool isScalarArrayElementType(uint8_t type) {
     return index < 7 && kAllowed[index] != 0;
 }
 
+// Payload bytes of a fixed-size scalar type (boolean to double); 0 for any other type.
+inline uint32_t sbpScalarSize(uint8_t type) {
+    static constexpr uint8_t kSizes[7] = {1, 1, 2, 4, 8, 4, 8};
+    unsigned index = static_cast<unsigned>(type) - kSBPTypeBoolean;
+    return index < 7 ? kSizes[index] : 0;
+}
+
 // Big-endian stores into room the caller has reserved; each returns the position after.
 inline uint8_t* sbpPutU16(uint8_t* p, uint16_t v) {
     p[0] = static_cast<uint8_t>(v >> 8);

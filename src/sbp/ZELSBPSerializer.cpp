@@ -11,12 +11,6 @@ namespace {
 // Every count field starts as zeros and gets its value when the container ends.
 constexpr size_t kCountBytes = 4;
 
-inline bool isAscii8(const uint8_t* p) {
-    uint64_t word;
-    std::memcpy(&word, p, sizeof word);
-    return (word & 0x8080808080808080ull) == 0;
-}
-
 // Leading one bits of a UTF-8 lead byte.
 inline unsigned leadingOnes(uint8_t byte) {
     unsigned n = 0;
@@ -46,21 +40,52 @@ void ZELSBPSerializer::push(uint32_t containerType, uint32_t elementType, uint8_
     uint32_t position = static_cast<uint32_t>(countField - buffer_.data());
     std::memset(countField, 0, kCountBytes);
     buffer_.commit(countField + kCountBytes);
+    if (!stack_.empty()) stack_.back().count = count_;
     // Filled in place: building the record on the stack and copying it in costs a
     // store-forwarding stall per container.
     stack_.emplace_back();
     SerializerStackEntry& entry = stack_.back();
-    entry.stream = &buffer_;
     entry.containerType = containerType;
     entry.elementType = elementType;
     entry.countPosition = position;
     entry.count = 0;
+    count_ = 0;
+    updateMode();
 }
 
 void ZELSBPSerializer::pop() {
     const SerializerStackEntry& top = stack_.back();
-    static_cast<Buffer*>(top.stream)->patchU32(top.countPosition, top.count);
+    uint32_t count = count_;
+    if (top.containerType == zelcdbsdk::kSBPTypeScalarArray) {
+        // Elements are fixed-size and nothing else follows the count field, and an element
+        // is written whole or not at all: the bytes give the count without a counter.
+        size_t bytes = buffer_.written() - top.countPosition - kCountBytes;
+        count = static_cast<uint32_t>(
+            bytes / zelcdbsdk::sbpScalarSize(static_cast<uint8_t>(top.elementType)));
+    }
+    buffer_.patchU32(top.countPosition, count);
     stack_.pop_back();
+    count_ = stack_.empty() ? 0 : stack_.back().count;
+    updateMode();
+}
+
+void ZELSBPSerializer::updateMode() {
+    if (stack_.empty()) {
+        mode_ = kModeNone;
+        return;
+    }
+    const SerializerStackEntry& top = stack_.back();
+    switch (top.containerType) {
+        case zelcdbsdk::kSBPTypeScalarArray:
+            mode_ = static_cast<uint8_t>(top.elementType);
+            break;
+        case zelcdbsdk::kSBPTypeStructureArray:
+            mode_ = kModeNone;
+            break;
+        default:
+            mode_ = kModeFullHeaders;
+            break;
+    }
 }
 
 void ZELSBPSerializer::addBytes(uint32_t uid, const uint8_t* data, uint32_t length) {
@@ -86,11 +111,7 @@ void ZELSBPSerializer::addString(uint32_t uid, const char* text, uint32_t length
         uint8_t* out = buffer_.reserve(2 * static_cast<size_t>(chunkEnd - i));
         while (i < chunkEnd) {
             // Runs of ASCII, the usual text, go eight bytes at a time.
-            while (chunkEnd - i >= 8 && isAscii8(in + i)) {
-                for (int k = 0; k < 8; ++k) {
-                    out[2 * k] = 0;
-                    out[2 * k + 1] = in[i + k];
-                }
+            while (chunkEnd - i >= 8 && widenAscii8(in + i, out)) {
                 out += 16;
                 i += 8;
             }

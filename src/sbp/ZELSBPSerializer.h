@@ -1,7 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "rdr/MemOutStream.h"
 #include "sbp/SBPDataFormat.h"
@@ -11,11 +16,10 @@
 // One open container of a serializer: a structure, a scalar array, an array of structures
 // or the top-level value list.
 struct SerializerStackEntry {
-    rdr::MemOutStream* stream;
     uint32_t containerType;  // 0 for a value list, else 0xA0, 0xA1 or 0xA2
     uint32_t elementType;    // the type every child must have, 0 for any
     uint32_t countPosition;  // byte offset of the container's count field
-    uint32_t count;          // children written so far
+    uint32_t count;          // children written so far, saved here while an inner one is open
 };
 
 // Builds one SBP data payload from a sequence of add/begin/end calls (the object behind the
@@ -52,28 +56,57 @@ public:
     }
 
     // The common case of a scalar: inside an open container that takes it, with room in the
-    // buffer. Writes the value, counts it and returns true. Returns false having done nothing
-    // in every other case (top level, a misplaced value, a full buffer), which the checked
-    // add above then handles. Never throws, never allocates.
+    // buffer. Writes the value and returns true, deciding from mode_ alone (no stack access).
+    // Returns false having done nothing in every other case (top level, a misplaced value, a
+    // full buffer), which the checked add above then handles. Never throws, never allocates.
     template <typename T>
-    bool tryAdd(uint32_t uid, T value) {
-        const uint8_t type = typeOf(value);
-        if (stack_.empty()) return false;
-        SerializerStackEntry& top = stack_.back();
-        if (top.elementType != 0 && top.elementType != type) return false;
+    bool tryAdd(uint32_t uid, T value) noexcept {
+        constexpr uint8_t type = typeOf(T());
         uint8_t* p = buffer_.ptr();
-        if (buffer_.room() < 5 + sizeof(T)) return false;
-        if (top.containerType == zelcdbsdk::kSBPTypeScalarArray) {
-            if (uid != 0) return false;
-        } else if (top.containerType == zelcdbsdk::kSBPTypeStructureArray) {
-            if (uid != 0) return false;
-            *p++ = type;
-        } else {
-            p = zelcdbsdk::sbpPutU32(p, uid);
-            *p++ = type;
+        if (mode_ == type) {
+            // A scalar array of this type: a bare payload, counted from the bytes at end().
+            if (uid != 0 || buffer_.room() < sizeof(T)) return false;
+            buffer_.commit(putPayload(p, value));
+            return true;
         }
-        ++top.count;
+        if (mode_ != kModeFullHeaders || buffer_.room() < 5 + sizeof(T)) return false;
+        ++count_;
+        p = zelcdbsdk::sbpPutU32(p, uid);
+        *p++ = type;
         buffer_.commit(putPayload(p, value));
+        return true;
+    }
+
+    // The common case of text: a short ASCII string inside a structure or value list, with
+    // room in the buffer. Writes it and returns true; returns false having committed nothing
+    // in every other case (non-ASCII text included), and the checked addString then starts
+    // over. text is not null. Never throws, never allocates.
+    bool tryAddAsciiString(uint32_t uid, const char* text, uint32_t length) noexcept {
+        constexpr uint32_t kShortText = 256;
+        if (mode_ != kModeFullHeaders || length > kShortText) return false;
+        uint8_t* p = buffer_.ptr();
+        if (buffer_.room() < 9 + 2 * static_cast<size_t>(length)) return false;
+        const uint8_t* in = reinterpret_cast<const uint8_t*>(text);
+        uint8_t* out = p + 9;
+        uint32_t i = 0;
+        for (; length - i >= 8; i += 8) {
+            if (!widenAscii8(in + i, out + 2 * i)) return false;
+        }
+        if (i < length && length >= 8) {
+            // The last block overlaps the one before, writing the same units again.
+            if (!widenAscii8(in + length - 8, out + 2 * (length - 8))) return false;
+        } else {
+            for (; i < length; ++i) {
+                if (in[i] >= 0x80) return false;
+                out[2 * i] = 0;
+                out[2 * i + 1] = in[i];
+            }
+        }
+        p = zelcdbsdk::sbpPutU32(p, uid);
+        *p++ = zelcdbsdk::kSBPTypeString;
+        zelcdbsdk::sbpPutU32(p, length);
+        ++count_;
+        buffer_.commit(out + 2 * static_cast<size_t>(length));
         return true;
     }
 
@@ -116,7 +149,7 @@ private:
     // reserved beyond the header. The checks come before anything is written or counted.
     uint8_t* writeHeader(uint32_t uid, uint8_t type, size_t payloadBytes) {
         if (stack_.empty()) return writeFullHeader(uid, type, payloadBytes);
-        SerializerStackEntry& top = stack_.back();
+        const SerializerStackEntry& top = stack_.back();
         if (top.elementType != 0 && top.elementType != type) {
             refuse(ZELCDBErrorSBPSerializeUnexpectedType);
         }
@@ -127,13 +160,13 @@ private:
             // Array elements carry no UID; scalar elements not even a type byte.
             if (uid != 0) refuse(ZELCDBErrorSBPSerializeUnexpectedUID);
             if (top.containerType == zelcdbsdk::kSBPTypeScalarArray) {
-                p = buffer_.reserve(payloadBytes);
-            } else {
-                p = buffer_.reserve(1 + payloadBytes);
-                *p++ = type;
+                // Not counted: end() derives the count from the bytes written.
+                return buffer_.reserve(payloadBytes);
             }
+            p = buffer_.reserve(1 + payloadBytes);
+            *p++ = type;
         }
-        ++top.count;
+        ++count_;
         return p;
     }
     uint8_t* writeFullHeader(uint32_t uid, uint8_t type, size_t payloadBytes) {
@@ -143,13 +176,57 @@ private:
     }
     [[noreturn]] static void refuse(ZELCDBError code);
 
-    static constexpr uint8_t typeOf(bool) { return zelcdbsdk::kSBPTypeBoolean; }
-    static constexpr uint8_t typeOf(int8_t) { return zelcdbsdk::kSBPTypeByte; }
-    static constexpr uint8_t typeOf(int16_t) { return zelcdbsdk::kSBPTypeShort; }
-    static constexpr uint8_t typeOf(int32_t) { return zelcdbsdk::kSBPTypeInt; }
-    static constexpr uint8_t typeOf(int64_t) { return zelcdbsdk::kSBPTypeLong; }
-    static constexpr uint8_t typeOf(float) { return zelcdbsdk::kSBPTypeFloat; }
-    static constexpr uint8_t typeOf(double) { return zelcdbsdk::kSBPTypeDouble; }
+    // Writes eight ASCII bytes as eight big-endian 16-bit units; false, having written
+    // nothing, when any of them is not ASCII.
+    static bool widenAscii8(const uint8_t* in, uint8_t* out) {
+#if defined(__SSE2__)
+        __m128i bytes = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in));
+        if (_mm_movemask_epi8(bytes) != 0) return false;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
+                         _mm_unpacklo_epi8(_mm_setzero_si128(), bytes));
+#else
+        uint64_t word;
+        std::memcpy(&word, in, sizeof word);
+        if ((word & 0x8080808080808080ull) != 0) return false;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        // Spreads each half's four bytes to every other byte, one position up.
+        uint64_t halves[2] = {word & 0xFFFFFFFFu, word >> 32};
+        for (uint64_t& h : halves) {
+            h = (h | h << 16) & 0x0000FFFF0000FFFFull;
+            h = ((h | h << 8) & 0x00FF00FF00FF00FFull) << 8;
+        }
+        std::memcpy(out, halves, sizeof halves);
+#else
+        for (int k = 0; k < 8; ++k) {
+            out[2 * k] = 0;
+            out[2 * k + 1] = in[k];
+        }
+#endif
+#endif
+        return true;
+    }
+
+    static constexpr uint8_t typeOf(bool) {
+        return zelcdbsdk::kSBPTypeBoolean;
+    }
+    static constexpr uint8_t typeOf(int8_t) {
+        return zelcdbsdk::kSBPTypeByte;
+    }
+    static constexpr uint8_t typeOf(int16_t) {
+        return zelcdbsdk::kSBPTypeShort;
+    }
+    static constexpr uint8_t typeOf(int32_t) {
+        return zelcdbsdk::kSBPTypeInt;
+    }
+    static constexpr uint8_t typeOf(int64_t) {
+        return zelcdbsdk::kSBPTypeLong;
+    }
+    static constexpr uint8_t typeOf(float) {
+        return zelcdbsdk::kSBPTypeFloat;
+    }
+    static constexpr uint8_t typeOf(double) {
+        return zelcdbsdk::kSBPTypeDouble;
+    }
     static uint8_t* putPayload(uint8_t* p, bool v) {
         *p = v ? 1 : 0;
         return p + 1;
@@ -175,7 +252,20 @@ private:
     }
     void push(uint32_t containerType, uint32_t elementType, uint8_t* countField);
     void pop();
+    // mode_ for the innermost open container (kModeNone when nothing is open).
+    void updateMode();
 
+    // What the innermost open container takes without further checks: kModeNone (nothing
+    // open, or an array of structures), kModeFullHeaders (a structure or a value list: any
+    // scalar with UID and type), or the element type of a scalar array (bare payloads).
+    static constexpr uint8_t kModeNone = 0;
+    static constexpr uint8_t kModeFullHeaders = 1;
+
+    // The fast paths read ptr_ and end_ (at the start of buffer_), mode_ and count_: all
+    // within the object's first 64 bytes.
     Buffer buffer_;
+    uint8_t mode_ = kModeNone;
+    // Children of the innermost open container; a scalar array's count comes from its bytes.
+    uint32_t count_ = 0;
     std::vector<SerializerStackEntry> stack_;
 };

@@ -393,5 +393,90 @@ TEST(SerializerTest, GrowthFailureIsOutOfMemoryButAtEndItIsFailed) {
     }
 }
 
+TEST(SerializerTest, ScalarArrayCountIsTheElementsWrittenWhateverWasRefused) {
+    using Add = std::function<ZELCDBError(ZELSBPSerializer*, uint32_t)>;
+    struct Case {
+        uint8_t type;
+        size_t size;
+        Add add;    // one element of the array's type
+        Add other;  // one element of another type
+    };
+    auto addInt = [](ZELSBPSerializer* s, uint32_t uid) {
+        return api().serializerAddInt(s, uid, 5);
+    };
+    const Case cases[] = {
+        {0x82, 1,
+         [](ZELSBPSerializer* s, uint32_t u) { return api().serializerAddBoolean(s, u, 1); },
+         addInt},
+        {0x84, 2, [](ZELSBPSerializer* s, uint32_t u) { return api().serializerAddShort(s, u, 5); },
+         addInt},
+        {0x85, 4, addInt,
+         [](ZELSBPSerializer* s, uint32_t u) { return api().serializerAddLong(s, u, 5); }},
+        {0x86, 8, [](ZELSBPSerializer* s, uint32_t u) { return api().serializerAddLong(s, u, 5); },
+         addInt},
+        {0x87, 4, [](ZELSBPSerializer* s, uint32_t u) { return api().serializerAddFloat(s, u, 5); },
+         addInt},
+        {0x88, 8,
+         [](ZELSBPSerializer* s, uint32_t u) { return api().serializerAddDouble(s, u, 5); },
+         addInt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.type));
+        Serializer s;
+        ZELSBPSerializer* h = s.get();
+        ASSERT_EQ(api().serializerBeginStructure(h, 1), ZELCDBErrorNone);
+        ASSERT_EQ(api().serializerBeginArray(h, 2, c.type), ZELCDBErrorNone);
+        for (int i = 0; i < 3; ++i) ASSERT_EQ(c.add(h, 0), ZELCDBErrorNone);
+        EXPECT_EQ(c.add(h, 9), ZELCDBErrorSBPSerializeUnexpectedUID);
+        EXPECT_EQ(c.other(h, 0), ZELCDBErrorSBPSerializeUnexpectedType);
+        EXPECT_EQ(api().serializerAddString(h, 0, "x", 1), ZELCDBErrorSBPSerializeUnexpectedType);
+        // Enough elements to grow past the first block in the middle of the array.
+        for (int i = 0; i < 300; ++i) ASSERT_EQ(c.add(h, 0), ZELCDBErrorNone);
+        ASSERT_EQ(api().serializerEnd(h), ZELCDBErrorNone);
+        // The structure's own count carries on after the array.
+        ASSERT_EQ(api().serializerAddInt(h, 3, 7), ZELCDBErrorNone);
+        ASSERT_EQ(api().serializerEnd(h), ZELCDBErrorNone);
+        Bytes out = s.bytes();
+        ASSERT_EQ(out.size(), 9 + 10 + 303 * c.size + 9 + 1);
+        EXPECT_EQ(hex(Bytes(out.begin(), out.begin() + 19)),
+                  hex(concat({parseHex("00 00 00 01 A1 00 00 00 02 00 00 00 02 A0"),
+                              {c.type},
+                              parseHex("00 00 01 2F")})));
+        EXPECT_EQ(hex(Bytes(out.end() - 10, out.end())), "00 00 00 03 85 00 00 00 07 81");
+    }
+}
+
+TEST(SerializerTest, ShortTextWithNonAsciiAnywhereGivesOneUnitPerCharacter) {
+    // Lengths around the eight-byte blocks ASCII text is converted in, with U+00E9 at every
+    // position: the result must not depend on where the first non-ASCII byte sits.
+    for (size_t length : {1, 7, 8, 9, 15, 16, 17, 24, 33}) {
+        for (size_t at = 0; at < length; ++at) {
+            SCOPED_TRACE(std::to_string(length) + " " + std::to_string(at));
+            std::string text;
+            Bytes units;
+            for (size_t i = 0; i < length; ++i) {
+                if (i == at) {
+                    text += "\xC3\xA9";
+                    units.insert(units.end(), {0x00, 0xE9});
+                } else {
+                    text += static_cast<char>('a' + i % 26);
+                    units.insert(units.end(), {0x00, static_cast<uint8_t>('a' + i % 26)});
+                }
+            }
+            Serializer s;
+            ASSERT_EQ(api().serializerBeginStructure(s.get(), 1), ZELCDBErrorNone);
+            ASSERT_EQ(api().serializerAddString(s.get(), 2, text.data(),
+                                                static_cast<uint32_t>(text.size())),
+                      ZELCDBErrorNone);
+            ASSERT_EQ(api().serializerEnd(s.get()), ZELCDBErrorNone);
+            Bytes expected = concat({parseHex("00 00 00 01 A1 00 00 00 01 00 00 00 02 91 00 00 00"),
+                                     {static_cast<uint8_t>(length + 1)},
+                                     units,
+                                     {0x81}});
+            EXPECT_EQ(hex(s.bytes()), hex(expected));
+        }
+    }
+}
+
 }  // namespace
 }  // namespace sbptest
