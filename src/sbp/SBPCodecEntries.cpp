@@ -149,11 +149,17 @@ ZELCDBError serializerBeginValueList(ZELSBPSerializer* serializer) {
     });
 }
 
-ZELCDBError serializerBeginStructure(ZELSBPSerializer* serializer, uint32_t uid) {
+__attribute__((noinline)) ZELCDBError beginStructureChecked(ZELSBPSerializer* serializer,
+                                                            uint32_t uid) {
     return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
         s.beginStructure(uid);
         return ZELCDBErrorNone;
     });
+}
+
+ZELCDBError serializerBeginStructure(ZELSBPSerializer* serializer, uint32_t uid) {
+    if (serializer != nullptr && serializer->tryBeginStructure(uid)) return ZELCDBErrorNone;
+    return beginStructureChecked(serializer, uid);
 }
 
 ZELCDBError serializerBeginArray(ZELSBPSerializer* serializer, uint32_t uid, uint8_t elementType) {
@@ -163,7 +169,7 @@ ZELCDBError serializerBeginArray(ZELSBPSerializer* serializer, uint32_t uid, uin
     });
 }
 
-ZELCDBError serializerEnd(ZELSBPSerializer* serializer) {
+__attribute__((noinline)) ZELCDBError endChecked(ZELSBPSerializer* serializer) {
     return runGuarded(kSerializerLog, [&]() -> ZELCDBError {
         if (serializer == nullptr) return ZELCDBErrorInvalidParameter;
         if (!serializer->anythingOpen()) return ZELCDBErrorSBPSerializeUnexpectedEnd;
@@ -176,6 +182,11 @@ ZELCDBError serializerEnd(ZELSBPSerializer* serializer) {
         }
         return ZELCDBErrorNone;
     });
+}
+
+ZELCDBError serializerEnd(ZELSBPSerializer* serializer) {
+    if (serializer != nullptr && serializer->tryEnd()) return ZELCDBErrorNone;
+    return endChecked(serializer);
 }
 
 ZELCDBError deserializerCreate(ZELSBPDeserializer** deserializer, void* context,

@@ -20,10 +20,6 @@ inline unsigned leadingOnes(uint8_t byte) {
 
 }  // namespace
 
-void ZELSBPSerializer::Buffer::patchU32(uint32_t position, uint32_t value) {
-    zelcdbsdk::sbpPutU32(start_ + position, value);
-}
-
 ZELSBPSerializer::ZELSBPSerializer() {
     stack_.reserve(8);
 }
@@ -36,56 +32,15 @@ void ZELSBPSerializer::refuse(ZELCDBError code) {
     throw ErrorException(code);
 }
 
-void ZELSBPSerializer::push(uint32_t containerType, uint32_t elementType, uint8_t* countField) {
-    uint32_t position = static_cast<uint32_t>(countField - buffer_.data());
-    std::memset(countField, 0, kCountBytes);
-    buffer_.commit(countField + kCountBytes);
-    if (!stack_.empty()) stack_.back().count = count_;
-    // Filled in place: building the record on the stack and copying it in costs a
-    // store-forwarding stall per container.
-    stack_.emplace_back();
-    SerializerStackEntry& entry = stack_.back();
-    entry.containerType = containerType;
-    entry.elementType = elementType;
-    entry.countPosition = position;
-    entry.count = 0;
-    count_ = 0;
-    updateMode();
-}
-
-void ZELSBPSerializer::pop() {
-    const SerializerStackEntry& top = stack_.back();
-    uint32_t count = count_;
-    if (top.containerType == zelcdbsdk::kSBPTypeScalarArray) {
-        // Elements are fixed-size and nothing else follows the count field, and an element
-        // is written whole or not at all: the bytes give the count without a counter.
-        size_t bytes = buffer_.written() - top.countPosition - kCountBytes;
-        count = static_cast<uint32_t>(
-            bytes / zelcdbsdk::sbpScalarSize(static_cast<uint8_t>(top.elementType)));
+void ZELSBPSerializer::push(uint8_t containerType, uint8_t elementType, uint8_t* countField) {
+    if (stack_.size() == stack_.capacity()) {
+        // The count field goes out before the stack grows, so that a failure here leaves
+        // the same bytes as it always has.
+        std::memset(countField, 0, kCountBytes);
+        buffer_.commit(countField + kCountBytes);
+        stack_.reserve(2 * stack_.size());
     }
-    buffer_.patchU32(top.countPosition, count);
-    stack_.pop_back();
-    count_ = stack_.empty() ? 0 : stack_.back().count;
-    updateMode();
-}
-
-void ZELSBPSerializer::updateMode() {
-    if (stack_.empty()) {
-        mode_ = kModeNone;
-        return;
-    }
-    const SerializerStackEntry& top = stack_.back();
-    switch (top.containerType) {
-        case zelcdbsdk::kSBPTypeScalarArray:
-            mode_ = static_cast<uint8_t>(top.elementType);
-            break;
-        case zelcdbsdk::kSBPTypeStructureArray:
-            mode_ = kModeNone;
-            break;
-        default:
-            mode_ = kModeFullHeaders;
-            break;
-    }
+    pushOpened(containerType, elementType, countField);
 }
 
 void ZELSBPSerializer::addBytes(uint32_t uid, const uint8_t* data, uint32_t length) {

@@ -16,8 +16,9 @@
 // One open container of a serializer: a structure, a scalar array, an array of structures
 // or the top-level value list.
 struct SerializerStackEntry {
-    uint32_t containerType;  // 0 for a value list, else 0xA0, 0xA1 or 0xA2
-    uint32_t elementType;    // the type every child must have, 0 for any
+    uint8_t containerType;   // 0 for a value list, else 0xA0, 0xA1 or 0xA2
+    uint8_t elementType;     // the type every child must have, 0 for any
+    uint8_t mode;            // what the container takes without checks (see mode_)
     uint32_t countPosition;  // byte offset of the container's count field
     uint32_t count;          // children written so far, saved here while an inner one is open
 };
@@ -110,6 +111,37 @@ public:
         return true;
     }
 
+    // The common case of a structure: a member of a structure or value list, or an element
+    // of an array of structures, with room in the buffer and on the stack. Returns false
+    // having done nothing otherwise. Never throws, never allocates.
+    bool tryBeginStructure(uint32_t uid) noexcept {
+        uint8_t* p = buffer_.ptr();
+        if (buffer_.room() < 9 || stack_.size() == stack_.capacity()) return false;
+        if (mode_ == kModeFullHeaders) {
+            p = zelcdbsdk::sbpPutU32(p, uid);
+        } else if (mode_ != kModeStructures || uid != 0) {
+            return false;
+        }
+        *p++ = zelcdbsdk::kSBPTypeStructure;
+        ++count_;
+        pushOpened(zelcdbsdk::kSBPTypeStructure, 0, p);
+        return true;
+    }
+
+    // Closes the innermost container when one is open and its end byte, if any, fits.
+    // Returns false having done nothing otherwise. Never throws, never allocates.
+    bool tryEnd() noexcept {
+        if (stack_.empty() || buffer_.room() < 1) return false;
+        uint8_t type = stack_.back().containerType;
+        if (type == zelcdbsdk::kSBPTypeStructure || type == zelcdbsdk::kSBPTypeStructureArray) {
+            uint8_t* p = buffer_.ptr();
+            *p = zelcdbsdk::kSBPTypeEnd;
+            buffer_.commit(p + 1);
+        }
+        pop();
+        return true;
+    }
+
     // data may be null only when length is 0 (checked by the caller).
     void addBytes(uint32_t uid, const uint8_t* data, uint32_t length);
     // length is the UTF-8 byte count; text may be null only when length is 0.
@@ -141,7 +173,9 @@ private:
         }
         // Marks everything up to p as written.
         void commit(uint8_t* p) { ptr_ = p; }
-        void patchU32(uint32_t position, uint32_t value);
+        void patchU32(uint32_t position, uint32_t value) {
+            zelcdbsdk::sbpPutU32(start_ + position, value);
+        }
     };
 
     // Checks where a value of this type may go, counts it in its container and returns the
@@ -250,16 +284,58 @@ private:
     static uint8_t* putPayload(uint8_t* p, double v) {
         return zelcdbsdk::sbpPutU64(p, zelcdbsdk::sbpFloatBits(v));
     }
-    void push(uint32_t containerType, uint32_t elementType, uint8_t* countField);
-    void pop();
-    // mode_ for the innermost open container (kModeNone when nothing is open).
-    void updateMode();
+    // Opens a container whose count field starts at countField, within reserved room (its
+    // header is written and counted in the parent already). The stack must have room.
+    void pushOpened(uint8_t containerType, uint8_t elementType, uint8_t* countField) {
+        uint32_t position = static_cast<uint32_t>(countField - buffer_.data());
+        std::memset(countField, 0, 4);
+        buffer_.commit(countField + 4);
+        if (!stack_.empty()) stack_.back().count = count_;
+        uint8_t mode = containerType == zelcdbsdk::kSBPTypeScalarArray      ? elementType
+                       : containerType == zelcdbsdk::kSBPTypeStructureArray ? kModeStructures
+                                                                            : kModeFullHeaders;
+        // Filled in place: building the record on the stack and copying it in costs a
+        // store-forwarding stall per container.
+        stack_.emplace_back();
+        SerializerStackEntry& entry = stack_.back();
+        entry.containerType = containerType;
+        entry.elementType = elementType;
+        entry.mode = mode;
+        entry.countPosition = position;
+        entry.count = 0;
+        count_ = 0;
+        mode_ = mode;
+    }
+    // pushOpened() after making room on the stack; throws std::bad_alloc.
+    void push(uint8_t containerType, uint8_t elementType, uint8_t* countField);
+    // Patches the innermost container's count and closes it.
+    void pop() {
+        const SerializerStackEntry& top = stack_.back();
+        uint32_t count = count_;
+        if (top.containerType == zelcdbsdk::kSBPTypeScalarArray) {
+            // Elements are fixed-size, nothing else follows the count field, and an element
+            // is written whole or not at all: the bytes give the count without a counter.
+            size_t bytes = buffer_.written() - top.countPosition - 4;
+            count = static_cast<uint32_t>(bytes / zelcdbsdk::sbpScalarSize(top.elementType));
+        }
+        buffer_.patchU32(top.countPosition, count);
+        stack_.pop_back();
+        if (stack_.empty()) {
+            count_ = 0;
+            mode_ = kModeNone;
+        } else {
+            count_ = stack_.back().count;
+            mode_ = stack_.back().mode;
+        }
+    }
 
     // What the innermost open container takes without further checks: kModeNone (nothing
-    // open, or an array of structures), kModeFullHeaders (a structure or a value list: any
-    // scalar with UID and type), or the element type of a scalar array (bare payloads).
+    // open), kModeFullHeaders (a structure or a value list: any scalar with UID and type),
+    // kModeStructures (an array of structures: structures without UID), or the element type
+    // of a scalar array (bare payloads).
     static constexpr uint8_t kModeNone = 0;
     static constexpr uint8_t kModeFullHeaders = 1;
+    static constexpr uint8_t kModeStructures = 2;
 
     // The fast paths read ptr_ and end_ (at the start of buffer_), mode_ and count_: all
     // within the object's first 64 bytes.
