@@ -123,6 +123,10 @@ ZELCDBError serializerAddBytes(ZELSBPSerializer* serializer, uint32_t uid, const
 
 __attribute__((noinline)) ZELCDBError addStringChecked(ZELSBPSerializer* serializer, uint32_t uid,
                                                        const char* utf8, uint32_t length) {
+    if (serializer != nullptr && utf8 != nullptr && length == ZELSBP_NUL_TERMINATED &&
+        serializer->tryAddAsciiString(uid, utf8, static_cast<uint32_t>(std::strlen(utf8)))) {
+        return ZELCDBErrorNone;
+    }
     return serializerAdd(serializer, [&](ZELSBPSerializer& s) {
         if (utf8 == nullptr && length != 0) return ZELCDBErrorInvalidParameter;
         if (length == ZELSBP_NUL_TERMINATED) length = static_cast<uint32_t>(std::strlen(utf8));
@@ -131,13 +135,13 @@ __attribute__((noinline)) ZELCDBError addStringChecked(ZELSBPSerializer* seriali
     });
 }
 
-// Short ASCII text in a structure takes the fast path, which cannot fail or throw.
+// Short ASCII text in a structure takes the fast path, which cannot fail or throw. Text
+// to be measured goes the checked way first, keeping this entry free of calls.
 ZELCDBError serializerAddString(ZELSBPSerializer* serializer, uint32_t uid, const char* utf8,
                                 uint32_t length) {
-    if (serializer != nullptr && utf8 != nullptr) {
-        uint32_t n =
-            length == ZELSBP_NUL_TERMINATED ? static_cast<uint32_t>(std::strlen(utf8)) : length;
-        if (serializer->tryAddAsciiString(uid, utf8, n)) return ZELCDBErrorNone;
+    if (serializer != nullptr && utf8 != nullptr && length != ZELSBP_NUL_TERMINATED &&
+        serializer->tryAddAsciiString(uid, utf8, length)) {
+        return ZELCDBErrorNone;
     }
     return addStringChecked(serializer, uid, utf8, length);
 }
