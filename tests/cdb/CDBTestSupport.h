@@ -1,45 +1,45 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "cdb/CDBProtocolHandler.h"
 #include "cdb/CDBReader.h"
+#include "cdb/CDBWire.h"
+#include "cdb/CDBWriter.h"
 #include "plat/DString.h"
 #include "plat/Logger.h"
 #include "rdr/BufferedInStream.h"
+#include "rdr/MemOutStream.h"
 
 namespace cdbtest {
 
 using Bytes = std::vector<uint8_t>;
+using zelcdbsdk::CDBService;
+using zelcdbsdk::CDBVersion;
+using zelcdbsdk::CDBWriter;
 
 // Behaves like a non-blocking socket under a BufferedInStream: each read hands out as much
 // of the bytes fed so far as fits, and nothing when none are pending.
 class FeedInStream : public rdr::BufferedInStream {
 public:
     explicit FeedInStream(size_t bufferSize = 0) : rdr::BufferedInStream(bufferSize) {}
-
-    void feed(const uint8_t* data, size_t length) {
-        pending_.insert(pending_.end(), data, data + length);
-    }
+    void feed(const uint8_t* data, size_t n) { pending_.insert(pending_.end(), data, data + n); }
     void feed(const Bytes& bytes) { feed(bytes.data(), bytes.size()); }
-    size_t pending() const { return pending_.size() - taken_; }
     bool inBuffer(const uint8_t* p) const { return p >= buffer_ && p < buffer_ + bufferSize_; }
 
 protected:
     size_t readData(void* dest, size_t maxBytes) override {
-        size_t n = std::min(maxBytes, pending());
+        size_t n = std::min(maxBytes, pending_.size() - taken_);
         if (n > 0) std::memcpy(dest, pending_.data() + taken_, n);
         taken_ += n;
-        if (taken_ == pending_.size()) {
-            pending_.clear();
-            taken_ = 0;
-        }
         return n;
     }
 
@@ -48,78 +48,57 @@ private:
     size_t taken_ = 0;
 };
 
-inline std::string hex(const uint8_t* data, size_t length) {
+inline std::string hex(const Bytes& bytes) {
     static const char kDigits[] = "0123456789abcdef";
-    std::string text(2 * length, '0');
-    for (size_t i = 0; i < length; ++i) {
-        text[2 * i] = kDigits[data[i] >> 4];
-        text[2 * i + 1] = kDigits[data[i] & 15];
-    }
+    std::string text;
+    for (uint8_t b : bytes) text += {kDigits[b >> 4], kDigits[b & 15]};
     return text;
 }
 
-// One line of text per handled message, so that sequences of messages compare as strings.
-class RecordingHandler : public zelcdbsdk::CDBProtocolHandler {
-public:
-    std::vector<std::string> events;
-    std::vector<const uint8_t*> payloadPointers;
+inline Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
 
-    void handleServicesRequest(zelcdbsdk::CDBVersion v) override {
-        add("ServicesRequest %d.%d", v.majorNumber, v.minorNumber);
-    }
-    void handleServicesSupported(zelcdbsdk::CDBVersion v,
-                                 const std::vector<zelcdbsdk::CDBService>& services,
+inline Bytes written(const std::function<void(CDBWriter&)>& write) {
+    rdr::MemOutStream out;
+    CDBWriter writer(out, nullptr);
+    write(writer);
+    return Bytes(out.data(), out.data() + out.length());
+}
+
+// Writes every message it is handed back out through a CDBWriter: since the writer's bytes
+// are pinned down by the sample table, what the reader delivered compares byte for byte with
+// what it was fed.
+struct EchoHandler : zelcdbsdk::CDBProtocolHandler {
+    rdr::MemOutStream out;
+    CDBWriter writer{out, nullptr};
+    std::vector<const uint8_t*> payloads;
+
+    Bytes bytes() { return Bytes(out.data(), out.data() + out.length()); }
+    void handleServicesRequest(CDBVersion v) override { writer.sendServicesRequest(v); }
+    void handleServicesSupported(CDBVersion v, const std::vector<CDBService>& services,
                                  uint16_t count) override {
-        std::string text =
-            format("ServicesSupported %d.%d count %u:", v.majorNumber, v.minorNumber, count);
-        for (const zelcdbsdk::CDBService& s : services) {
-            text += format(" [%u %d.%d a%u c%u '%s'%s]", s.id, s.version.majorNumber,
-                           s.version.minorNumber, s.serviceAttribute, s.accessControl, s.name(),
-                           s.handler ? " handler" : "");
-        }
-        events.push_back(text);
+        EXPECT_EQ(count, services.size());
+        writer.sendServicesSupported(v, services.data(), services.size());
     }
-    void handleStartService(uint16_t id, zelcdbsdk::CDBVersion v) override {
-        add("StartService %u %d.%d", id, v.majorNumber, v.minorNumber);
-    }
-    void handleStopService(uint16_t id) override { add("StopService %u", id); }
-    void handleServicePayload(uint16_t id, uint8_t accessControl, size_t length,
-                              const uint8_t* data) override {
-        payloadPointers.push_back(data);
-        events.push_back(format("ServicePayload %u c%u len %zu ", id, accessControl, length) +
-                         hex(data, length));
+    void handleStartService(uint16_t id, CDBVersion v) override { writer.sendStartService(id, v); }
+    void handleStopService(uint16_t id) override { writer.sendStopService(id); }
+    void handleServicePayload(uint16_t id, uint8_t ac, size_t n, const uint8_t* data) override {
+        payloads.push_back(data);
+        writer.sendServicePayload(id, ac, data, n);
     }
     void handleServiceResponse(uint16_t id, uint16_t code) override {
-        add("ServiceResponse %u %04x", id, code);
+        writer.sendServiceResponse(id, code);
     }
-    void handlePing(uint16_t sequence) override { add("Ping %u", sequence); }
-    void handlePingResponse(uint16_t sequence) override { add("PingResponse %u", sequence); }
-    void handleByeBye() override { add("ByeBye"); }
-
-    static std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2))) {
-        va_list args;
-        va_start(args, fmt);
-        plat::DString text;
-        text.formatV(fmt, args);
-        va_end(args);
-        return text.c_str();
-    }
-
-private:
-    void add(const char* fmt, ...) __attribute__((format(printf, 2, 3))) {
-        va_list args;
-        va_start(args, fmt);
-        plat::DString text;
-        text.formatV(fmt, args);
-        va_end(args);
-        events.push_back(text.c_str());
-    }
+    void handlePing(uint16_t sequence) override { writer.sendPing(sequence); }
+    void handlePingResponse(uint16_t sequence) override { writer.sendPingResponse(sequence); }
+    void handleByeBye() override { writer.sendByeBye(); }
 };
 
 struct LogLine {
     int level;
-    std::string facility;
-    std::string text;
+    std::string facility, text;
 };
 
 class RecordingLogger : public plat::Logger {
@@ -139,92 +118,59 @@ inline int drain(zelcdbsdk::CDBReader& reader) {
     return completed;
 }
 
-}  // namespace cdbtest
-
-#include "cdb/CDBWire.h"
-#include "cdb/CDBWriter.h"
-#include "rdr/MemOutStream.h"
-
-namespace cdbtest {
-
-// One message of each kind (and the payload sizes that matter), written by CDBWriter, with
-// the event a RecordingHandler makes of it.
-struct Sample {
-    std::string name;
-    Bytes bytes;
-    std::string event;
-};
-
-inline Bytes patternBytes(size_t length, uint8_t seed) {
+inline Bytes pattern(size_t length, uint8_t seed) {
     Bytes data(length);
     for (size_t i = 0; i < length; ++i) data[i] = static_cast<uint8_t>(seed + i * 7);
     return data;
 }
 
-template <typename Write>
-Bytes written(Write write) {
-    rdr::MemOutStream out;
-    zelcdbsdk::CDBWriter writer(out, nullptr);
-    write(writer);
-    return Bytes(out.data(), out.data() + out.length());
+inline CDBVersion version(uint8_t major, uint8_t minor) {
+    return CDBVersion{major, minor};
 }
 
-inline std::vector<Sample> sampleMessages() {
-    using zelcdbsdk::CDBService;
-    using zelcdbsdk::CDBVersion;
-    using zelcdbsdk::CDBWriter;
-    std::vector<Sample> samples;
-    samples.push_back({"ServicesRequest", written([](CDBWriter& w) {
-                           w.sendServicesRequest({1, 1});
-                       }),
-                       "ServicesRequest 1.1"});
-    std::vector<CDBService> services = {
-        CDBService(0x4001, {2, 3}, 0x81, 0x5a, "TEST:sbp"), CDBService(0x4002, {1, 0}, 0, 0xff, ""),
-        CDBService(0x7fff, {255, 254}, 7, 0, std::string(255, 'n').c_str())};
-    samples.push_back(
-        {"ServicesSupported", written([&](CDBWriter& w) {
-             w.sendServicesSupported({1, 1}, services.data(), services.size());
-         }),
-         "ServicesSupported 1.1 count 3: [16385 2.3 a129 c90 'TEST:sbp'] [16386 1.0 a0 c255 '']"
-         " [32767 255.254 a7 c0 '" +
-             std::string(255, 'n') + "']"});
-    samples.push_back({"ServicesSupported empty", written([](CDBWriter& w) {
-                           w.sendServicesSupported({1, 0}, nullptr, 0);
-                       }),
-                       "ServicesSupported 1.0 count 0:"});
-    samples.push_back({"StartService", written([](CDBWriter& w) {
-                           w.sendStartService(0x4001, {2, 9});
-                       }),
-                       "StartService 16385 2.9"});
-    samples.push_back({"StopService", written([](CDBWriter& w) { w.sendStopService(0x3fff); }),
-                       "StopService 16383"});
-    Bytes small = patternBytes(40, 3);
-    samples.push_back({"ServicePayload", written([&](CDBWriter& w) {
-                           w.sendServicePayload(0x4005, 0x33, small.data(), small.size());
-                       }),
-                       "ServicePayload 16389 c51 len 40 " + hex(small.data(), small.size())});
-    samples.push_back({"ServicePayload empty",
-                       written([](CDBWriter& w) { w.sendServicePayload(1, 2, nullptr, 0); }),
-                       "ServicePayload 1 c2 len 0 "});
-    Bytes largest = patternBytes(zelcdbsdk::kMaxServicePayloadLength, 11);
-    samples.push_back({"ServicePayload largest", written([&](CDBWriter& w) {
-                           w.sendServicePayload(0x4006, 0, largest.data(), largest.size());
-                       }),
-                       "ServicePayload 16390 c0 len 8100 " + hex(largest.data(), largest.size())});
-    samples.push_back({"PingResponse", written([](CDBWriter& w) { w.sendPingResponse(65535); }),
-                       "PingResponse 65535"});
-    samples.push_back({"ServiceResponse",
-                       written([](CDBWriter& w) { w.sendServiceResponse(0, 0x0209); }),
-                       "ServiceResponse 0 0209"});
-    samples.push_back({"Ping", written([](CDBWriter& w) { w.sendPing(0); }), "Ping 0"});
-    samples.push_back({"ByeBye", written([](CDBWriter& w) { w.sendByeBye(); }), "ByeBye"});
-    return samples;
-}
+// One message of each kind, with names and payload sizes at the limits: the writer must
+// produce `hex` (blanks only for reading) and log "Sending " + line; the reader must hand it
+// back unchanged and log "Received " + line.
+struct Sample {
+    std::string hex;
+    std::string line;
+    std::function<void(CDBWriter&)> write;
+};
 
-inline Bytes concatenate(const std::vector<Sample>& samples) {
-    Bytes all;
-    for (const Sample& s : samples) all.insert(all.end(), s.bytes.begin(), s.bytes.end());
-    return all;
+inline const std::vector<Sample>& samples() {
+    static const std::string kLongName(255, 'n');
+    static const Bytes kLargest = pattern(zelcdbsdk::kMaxServicePayloadLength, 11);
+    static const std::vector<CDBService> kServices = {
+        CDBService(0x4001, {2, 3}, 0x81, 0x5a, "ab"),
+        CDBService(0x7fff, {255, 254}, 7, 0, kLongName.c_str()),
+        CDBService(0x4100, {3, 4}, 0x01, 0x22, "")};  // an empty name ends the message
+    static const std::vector<Sample> kSamples = {
+        {"b101 0002 0101", "ServicesRequest (endpoint version 1.1)",
+         [](CDBWriter& w) { w.sendServicesRequest(version(1, 1)); }},
+        {"b102 011a 0101 0003 4001 0203 81 5a 02 6162 7fff fffe 07 00 ff" + hex(Bytes(255, 'n')) +
+             "4100 0304 01 22 00",
+         "ServicesSupported (endpoint version 1.1, 3 services)",
+         [](CDBWriter& w) { w.sendServicesSupported(version(1, 1), kServices.data(), 3); }},
+        {"b102 0004 0100 0000", "ServicesSupported (endpoint version 1.0, 0 services)",
+         [](CDBWriter& w) { w.sendServicesSupported(version(1, 0), nullptr, 0); }},
+        {"b103 0004 4001 0200", "StartService, service 16385 (0x4001), version 2.0",
+         [](CDBWriter& w) { w.sendStartService(0x4001, version(2, 0)); }},
+        {"b104 0002 0012", "StopService, service 18 (0x0012)",
+         [](CDBWriter& w) { w.sendStopService(0x0012); }},
+        {"b105 0008 4002 7e dead00beef", "ServicePayload, service 16386 (0x4002), length 5",
+         [](CDBWriter& w) { w.sendServicePayload(0x4002, 0x7e, "\xde\xad\0\xbe\xef", 5); }},
+        {"b105 0003 0001 02", "ServicePayload, service 1 (0x0001), length 0",
+         [](CDBWriter& w) { w.sendServicePayload(1, 2, nullptr, 0); }},
+        {"b105 1fa7 4006 00" + hex(kLargest), "ServicePayload, service 16390 (0x4006), length 8100",
+         [](CDBWriter& w) { w.sendServicePayload(0x4006, 0, kLargest.data(), kLargest.size()); }},
+        {"b106 0002 fffe", "PingResponse, sequence number 65534",
+         [](CDBWriter& w) { w.sendPingResponse(0xfffe); }},
+        {"b107 0004 4003 020a", "ServiceResponse, service 16387 (0x4003), response 020a",
+         [](CDBWriter& w) { w.sendServiceResponse(0x4003, 0x020a); }},
+        {"b108 0002 0102", "Ping, sequence number 258", [](CDBWriter& w) { w.sendPing(258); }},
+        {"b109 0000", "ByeBye", [](CDBWriter& w) { w.sendByeBye(); }},
+    };
+    return kSamples;
 }
 
 }  // namespace cdbtest

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <cstdarg>
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mirrorlink/TcpConnector.h"
@@ -16,58 +19,59 @@
 
 namespace mltest {
 
-struct LogLine {
-    int level;
-    std::string facility;
-    std::string text;
-};
+using LogLine = std::pair<int, std::string>;  // level, text
 
 class RecordingLogger : public plat::Logger {
 public:
     std::vector<LogLine> lines;
-    void log(int level, const char* facility, const char* format, va_list args) override {
+    void log(int level, const char*, const char* format, va_list args) override {
         plat::DString text;
         text.formatV(format, args);
-        lines.push_back({level, facility, text.c_str()});
+        lines.emplace_back(level, text.c_str());
     }
 };
 
-// Waits (bounded: a stuck test fails instead of hanging) until the socket is ready.
+// "<strerror> (<err>)", the tail of every system error text.
+inline std::string errText(int err) {
+    return std::string(std::strerror(err)) + " (" + std::to_string(err) + ")";
+}
+
+// Bounded, so that a stuck test fails instead of hanging.
 inline bool waitFor(const mirrorlink::TcpSocket& socket, short events, int timeoutMs = 5000) {
     pollfd entry = {socket.fd(), events, 0};
     return ::poll(&entry, 1, timeoutMs) == 1;
 }
 
+inline bool nonBlocking(const mirrorlink::TcpSocket& socket) {
+    return (::fcntl(socket.fd(), F_GETFL) & O_NONBLOCK) != 0;
+}
+
 inline int localPort(const mirrorlink::TcpSocket& socket) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
-    if (::getsockname(socket.fd(), reinterpret_cast<sockaddr*>(&address), &length) != 0) return -1;
+    ::getsockname(socket.fd(), reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
 }
 
-inline std::string loopbackUrl(int port) {
-    return "cdb://127.0.0.1:" + std::to_string(port);
-}
-
-// A server listening on an ephemeral loopback port, and a way to connect clients to it.
+// A server listening on an ephemeral loopback port, and a client to connect to it.
 struct Loopback {
     RecordingLogger logger;
     plat::LoggerRef log{"CDBSession", &logger};
-    mirrorlink::TcpSocket server;
-    mirrorlink::TcpSocket client;
-    int port = -1;
+    mirrorlink::TcpSocket server, client;
+    std::string url;  // the server's
 
     void listen() {
         mirrorlink::TcpConnector(server, log).startListening("cdb://127.0.0.1:0");
-        port = localPort(server);
+        url = "cdb://127.0.0.1:" + std::to_string(localPort(server));
     }
-    // Client connect and server accept, both driven as the session would drive them.
+    // Client connect and server accept, both driven as the session drives them; both ends
+    // must come out non-blocking (a blocking one would hang the tests, and the session).
     bool connect() {
         mirrorlink::TcpConnector clientSide(client, log);
-        clientSide.startConnect(loopbackUrl(port).c_str());
-        if (!waitFor(server, POLLIN) || !mirrorlink::TcpConnector(server, log).acceptPeer())
-            return false;
-        return waitFor(client, POLLOUT) && clientSide.completeConnect();
+        clientSide.startConnect(url.c_str());
+        return waitFor(server, POLLIN) && mirrorlink::TcpConnector(server, log).acceptPeer() &&
+               waitFor(client, POLLOUT) && clientSide.completeConnect() && nonBlocking(client) &&
+               nonBlocking(server);
     }
 };
 
