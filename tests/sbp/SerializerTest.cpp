@@ -478,5 +478,28 @@ TEST(SerializerTest, ShortTextWithNonAsciiAnywhereGivesOneUnitPerCharacter) {
     }
 }
 
+TEST(SerializerTest, DeepNestingKeepsEveryLevelsCount) {
+    // Deeper than the stack's first allocation; each level gets one member before its child
+    // structure and one after, so every count but the innermost is 3.
+    constexpr uint32_t kDepth = 20;
+    Serializer s;
+    for (uint32_t level = 0; level < kDepth; ++level) {
+        ASSERT_EQ(api().serializerBeginStructure(s.get(), level), ZELCDBErrorNone);
+        ASSERT_EQ(api().serializerAddByte(s.get(), 100, 1), ZELCDBErrorNone);
+    }
+    for (uint32_t level = kDepth; level-- > 0;) {
+        ASSERT_EQ(api().serializerAddByte(s.get(), 200, 2), ZELCDBErrorNone);
+        ASSERT_EQ(api().serializerEnd(s.get()), ZELCDBErrorNone);
+    }
+    Bytes out = s.bytes();
+    ASSERT_EQ(out.size(), kDepth * (9 + 6 + 6 + 1));
+    for (uint32_t level = 0; level < kDepth; ++level) {
+        SCOPED_TRACE(level);
+        size_t at = level * (9 + 6);
+        EXPECT_EQ(hex(Bytes(out.begin() + at + 4, out.begin() + at + 9)),
+                  level + 1 == kDepth ? "A1 00 00 00 02" : "A1 00 00 00 03");
+    }
+}
+
 }  // namespace
 }  // namespace sbptest
