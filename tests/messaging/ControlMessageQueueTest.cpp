@@ -1,20 +1,16 @@
 #include <gtest/gtest.h>
-#include <sys/select.h>
+#include <sys/ioctl.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <future>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "messaging/ControlMessage.h"
 #include "messaging/ControlMessageQueue.h"
 #include "messaging/ControlMessageQueueUNIX.h"
+#include "messaging/LoopServicer.h"
 #include "plat/Exception.h"
 
 namespace {
@@ -22,127 +18,72 @@ namespace {
 using messaging::ControlMessage;
 using messaging::ControlMessageQueue;
 using messaging::ControlMessageQueueUNIX;
+using messagingtest::Counter;
+using messagingtest::FnMessage;
+using messagingtest::LoopServicer;
 
-constexpr auto kPatience = std::chrono::seconds(10);
-
-// Performs a function; counts its own destruction so that tests see discarded messages freed.
-class FnMessage : public ControlMessage {
+// Lets a test hold the new thread inside its start-up, or make the start-up fail.
+class ScriptedQueue : public ControlMessageQueueUNIX {
 public:
-    explicit FnMessage(std::function<int()> fn, std::atomic<int>* freed = nullptr)
-        : fn_(std::move(fn)), freed_(freed) {}
-    ~FnMessage() override {
-        if (freed_) ++*freed_;
-    }
-    int action() override { return fn_(); }
+    using ControlMessageQueueUNIX::ControlMessageQueueUNIX;
+    ~ScriptedQueue() override { gate.bump(); }  // the base destructor joins the thread
+    Counter inStartUp;
+    Counter gate;  // the start-up goes on once this is bumped
+    std::atomic<int> failuresLeft{0};
 
-private:
-    std::function<int()> fn_;
-    std::atomic<int>* freed_;
-};
-
-// Counts events and lets a test wait for a count.
-class Counter {
-public:
-    void bump() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++count_;
-        changed_.notify_all();
-    }
-    bool waitFor(int count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, kPatience, [&] { return count_ >= count; });
-    }
-    int count() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return count_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    int count_ = 0;
-};
-
-// The servicing thread's loop as an endpoint runs it: select() on the wake-up descriptor,
-// service the queue when it is readable, until a stop message says so.
-class LoopServicer : public ControlMessageQueue::Servicer {
-public:
-    void run() override {
-        stopRequested_ = false;
-        started.bump();
-        int fd = queue->getWakeupDescriptor();
-        while (!stopRequested_) {
-            fd_set readable;
-            FD_ZERO(&readable);
-            FD_SET(fd, &readable);
-            if (select(fd + 1, &readable, nullptr, nullptr, nullptr) > 0) queue->serviceMessages();
+protected:
+    bool initialiseInThread() override {
+        inStartUp.bump();
+        gate.waitFor(1);
+        bool ok = ControlMessageQueueUNIX::initialiseInThread();
+        if (ok && failuresLeft > 0) {
+            // As if fcntl had failed after pipe: the pipe is closed again.
+            --failuresLeft;
+            closeWakeup();
+            return false;
         }
+        return ok;
     }
-    // Ends the loop through the queue, so every message posted before is performed first.
-    void stop() {
-        FnMessage message([this] {
-            stopRequested_ = true;
-            return 0;
-        });
-        queue->postSynchronously(message);
-    }
-
-    ControlMessageQueue* queue = nullptr;
-    Counter started;
-
-private:
-    bool stopRequested_ = false;  // touched by the servicing thread only
 };
 
+// A queue whose servicing thread runs LoopServicer.
 struct RunningQueue : ::testing::Test {
     RunningQueue() { servicer.queue = &queue; }
     void startAndWait() {
+        queue.gate.bump();
         int runs = servicer.started.count();
         ASSERT_TRUE(queue.start());
         ASSERT_TRUE(servicer.started.waitFor(runs + 1));
         ASSERT_TRUE(queue.isRunning());
     }
     LoopServicer servicer;
-    ControlMessageQueueUNIX queue{&servicer};
+    ScriptedQueue queue{&servicer};
 };
 
-TEST(ControlMessageQueue, StoppedQueuePerformsOnTheCallerAtOnce) {
-    LoopServicer servicer;
-    ControlMessageQueueUNIX queue(&servicer);
-    servicer.queue = &queue;
+TEST_F(RunningQueue, StoppedQueuePerformsOnTheCallerAtOnce) {
     EXPECT_FALSE(queue.isRunning());
     EXPECT_EQ(queue.getWakeupDescriptor(), -1);
-
-    std::atomic<int> freed{0};
-    std::thread::id performedOn;
-    queue.postAsynchronously(new FnMessage(
-        [&] {
-            performedOn = std::this_thread::get_id();
-            return 0;
-        },
-        &freed));
-    EXPECT_EQ(performedOn, std::this_thread::get_id());
-    EXPECT_EQ(freed, 1);
-
+    std::atomic<int> performed{0};
+    Counter freed;
+    queue.postAsynchronously(new FnMessage([&] { return ++performed; }, &freed));
+    EXPECT_EQ(performed, 1);  // no thread runs: done on this one before the post returned
+    EXPECT_EQ(freed.count(), 1);
     FnMessage seven([] { return 7; });
     EXPECT_EQ(queue.postSynchronously(seven), 7);
-
     // The message is freed even when its action throws on the caller.
     EXPECT_THROW(queue.postAsynchronously(
                      new FnMessage([]() -> int { throw plat::Exception("boom"); }, &freed)),
                  plat::Exception);
-    EXPECT_EQ(freed, 2);
+    EXPECT_EQ(freed.count(), 2);
     queue.postAsynchronously(nullptr);
-
-    queue.join();
+    queue.join();  // no thread ever ran: harmless, twice
     queue.join();
     EXPECT_FALSE(queue.isRunning());
 }
 
 TEST_F(RunningQueue, MessagesFromSeveralThreadsArePerformedInQueueOrderExactlyOnce) {
-    startAndWait();
-    constexpr int kProducers = 4;
-    constexpr int kEach = 500;
+    ASSERT_NO_FATAL_FAILURE(startAndWait());
+    constexpr int kProducers = 4, kEach = 500;
     std::vector<std::pair<int, int>> performed;  // appended on the servicing thread only
     std::atomic<int> offThread{0};
     std::vector<std::thread> producers;
@@ -160,19 +101,16 @@ TEST_F(RunningQueue, MessagesFromSeveralThreadsArePerformedInQueueOrderExactlyOn
     for (std::thread& t : producers) t.join();
     servicer.stop();  // queued behind everything the producers posted
     queue.join();
-    EXPECT_FALSE(queue.isRunning());
-
     ASSERT_EQ(performed.size(), static_cast<size_t>(kProducers * kEach));
     EXPECT_EQ(offThread, 0);
     std::vector<int> next(kProducers, 0);
     for (const auto& [p, i] : performed) {
-        ASSERT_EQ(i, next[p]) << "producer " << p;  // in order, none twice, none skipped
-        ++next[p];
+        ASSERT_EQ(i, next[p]++) << "producer " << p;  // in order, none twice, none skipped
     }
 }
 
 TEST_F(RunningQueue, SynchronousPostingReturnsTheResultOrTheException) {
-    startAndWait();
+    ASSERT_NO_FATAL_FAILURE(startAndWait());
     bool onServicer = false;
     FnMessage answer([&] {
         onServicer = queue.isServicerThread();
@@ -181,15 +119,10 @@ TEST_F(RunningQueue, SynchronousPostingReturnsTheResultOrTheException) {
     EXPECT_EQ(queue.postSynchronously(answer), 42);
     EXPECT_TRUE(onServicer);
     EXPECT_FALSE(queue.isServicerThread());
-
     FnMessage failing([]() -> int { throw plat::Exception("refused"); });
     EXPECT_THROW(queue.postSynchronously(failing), plat::Exception);
-    // The loop survived the exception.
-    FnMessage again([] { return -3; });
-    EXPECT_EQ(queue.postSynchronously(again), -3);
-
-    // Posting synchronously from the servicing thread performs at once instead of waiting
-    // for itself.
+    // The loop survived; posting synchronously from the servicing thread performs at once
+    // instead of waiting for itself.
     FnMessage nested([&] {
         FnMessage inner([] { return 5; });
         return queue.postSynchronously(inner) + 1;
@@ -201,7 +134,7 @@ TEST_F(RunningQueue, SynchronousPostingReturnsTheResultOrTheException) {
 
 TEST_F(RunningQueue, JoinTwiceIsHarmlessAndTheQueueRestarts) {
     for (int round = 0; round < 2; ++round) {
-        startAndWait();
+        ASSERT_NO_FATAL_FAILURE(startAndWait());
         EXPECT_NE(queue.getWakeupDescriptor(), -1);
         servicer.stop();
         queue.join();
@@ -209,6 +142,30 @@ TEST_F(RunningQueue, JoinTwiceIsHarmlessAndTheQueueRestarts) {
         EXPECT_FALSE(queue.isRunning());
         EXPECT_EQ(queue.getWakeupDescriptor(), -1);
     }
+}
+
+TEST_F(RunningQueue, WakeupPipeHoldsOneBytePerQueuedMessage) {
+    ASSERT_NO_FATAL_FAILURE(startAndWait());
+    Counter entered, released;
+    queue.postAsynchronously(new FnMessage([&] {  // holds the loop until released
+        entered.bump();
+        return released.waitFor(1) ? 0 : -1;
+    }));
+    ASSERT_TRUE(entered.waitFor(1));
+    std::atomic<int> performed{0};
+    for (int i = 0; i < 3; ++i) {
+        queue.postAsynchronously(new FnMessage([&] { return ++performed; }));
+    }
+    int bytes = -1, bytesLeft = -1;
+    ASSERT_EQ(ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytes), 0);
+    EXPECT_EQ(bytes, 3);
+    released.bump();
+    FnMessage measure([&] { return ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytesLeft); });
+    EXPECT_EQ(queue.postSynchronously(measure), 0);
+    EXPECT_EQ(bytesLeft, 0);
+    EXPECT_EQ(performed, 3);
+    servicer.stop();
+    queue.join();
 }
 
 // Messages left when run() returns are performed on the servicing thread, in order, after
@@ -226,8 +183,7 @@ public:
         }
     }
     ControlMessageQueue* queue = nullptr;
-    std::vector<int> order;
-    std::vector<int> descriptors;
+    std::vector<int> order, descriptors;
     bool onServicer = true;
 };
 
@@ -241,96 +197,47 @@ TEST(ControlMessageQueue, MessagesQueuedWhenRunReturnsArePerformedAfterThePipeCl
     EXPECT_EQ(servicer.order, (std::vector<int>{0, 1, 2}));
     EXPECT_EQ(servicer.descriptors, (std::vector<int>{-1, -1, -1}));
     EXPECT_TRUE(servicer.onServicer);
+
+    // Nobody calls join() now: the destructor must wait for the thread (a sanitizer reports
+    // a leaked or raced thread), whichever of the two finishes the queue first.
+    ReturningServicer racing;
+    auto unjoined = std::make_unique<ControlMessageQueueUNIX>(&racing);
+    racing.queue = unjoined.get();
+    ASSERT_TRUE(unjoined->start());
+    unjoined.reset();
+    EXPECT_LE(racing.order.size(), 3u);
 }
 
-// run() neither services nor returns until released, so messages pile up in the queue.
+// run() neither services nor returns until five messages have been freed, so messages pile
+// up in the queue.
 class BlockedServicer : public ControlMessageQueue::Servicer {
 public:
     void run() override {
-        started.set_value();
-        release.get_future().wait_for(kPatience);
+        started.bump();
+        freed.waitFor(5);
     }
-    std::promise<void> started;
-    std::promise<void> release;
+    Counter started, freed;
 };
 
 TEST(ControlMessageQueue, MessagesQueuedAtDestructionAreDiscardedAndFreed) {
     BlockedServicer servicer;
     std::atomic<int> performed{0};
-    std::atomic<int> freed{0};
-    constexpr int kQueued = 5;
     {
         ControlMessageQueueUNIX queue(&servicer);
         ASSERT_TRUE(queue.start());
-        ASSERT_EQ(servicer.started.get_future().wait_for(kPatience), std::future_status::ready);
-        for (int i = 0; i < kQueued; ++i) {
-            queue.postAsynchronously(new FnMessage(
-                [&] {
-                    ++performed;
-                    return 0;
-                },
-                &freed));
+        ASSERT_TRUE(servicer.started.waitFor(1));
+        for (int i = 0; i < 5; ++i) {
+            queue.postAsynchronously(new FnMessage([&] { return ++performed; }, &servicer.freed));
         }
-        // The last message to be discarded lets run() return, so that the destructor's
-        // join can complete.
-        struct Releaser : ControlMessage {
-            explicit Releaser(std::promise<void>& p) : release(p) {}
-            ~Releaser() override { release.set_value(); }
-            int action() override { return 0; }
-            std::promise<void>& release;
-        };
-        queue.postAsynchronously(new Releaser(servicer.release));
+        // The destructor frees them unperformed, which lets run() return for its join.
     }
     EXPECT_EQ(performed, 0);
-    EXPECT_EQ(freed, kQueued);
+    EXPECT_EQ(servicer.freed.count(), 5);
 }
 
-// Lets a test hold the new thread inside its start-up, or make the start-up fail.
-class ScriptedQueue : public ControlMessageQueueUNIX {
-public:
-    using ControlMessageQueueUNIX::ControlMessageQueueUNIX;
-    ~ScriptedQueue() override {
-        // The base destructor finishes and joins; the gate must not hold the thread then.
-        openGate();
-    }
-    void openGate() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        gateOpen_ = true;
-        changed_.notify_all();
-    }
-    Counter inStartUp;
-    std::atomic<int> failuresLeft{0};
-
-protected:
-    bool initialiseInThread() override {
-        inStartUp.bump();
-        {
-            std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait_for(lock, kPatience, [&] { return gateOpen_; });
-        }
-        bool ok = ControlMessageQueueUNIX::initialiseInThread();
-        if (ok && failuresLeft > 0) {
-            // As if fcntl had failed after pipe: the pipe is closed again.
-            --failuresLeft;
-            closeWakeup();
-            return false;
-        }
-        return ok;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool gateOpen_ = false;
-};
-
-TEST(ControlMessageQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
-    LoopServicer servicer;
-    ScriptedQueue queue(&servicer);
-    servicer.queue = &queue;
+TEST_F(RunningQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
     ASSERT_TRUE(queue.start());
     ASSERT_TRUE(queue.inStartUp.waitFor(1));
-
     std::atomic<bool> secondDone{false};
     bool secondStarted = true;
     std::thread second([&] {
@@ -339,7 +246,7 @@ TEST(ControlMessageQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_FALSE(secondDone);  // held in prepareStart while the first start-up is pending
-    queue.openGate();
+    queue.gate.bump();
     second.join();
     // It waited for the first thread to be running, saw it, and started no second one.
     EXPECT_FALSE(secondStarted);
@@ -349,47 +256,23 @@ TEST(ControlMessageQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
     queue.join();
 }
 
-TEST(ControlMessageQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
-    LoopServicer servicer;
-    ScriptedQueue queue(&servicer);
-    servicer.queue = &queue;
+TEST_F(RunningQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
     queue.failuresLeft = 1;
-    queue.openGate();
+    queue.gate.bump();
     ASSERT_TRUE(queue.start());
     ASSERT_TRUE(queue.inStartUp.waitFor(1));
     // isRunning() needs the queue mutex, which the start-up holds until it is over.
     EXPECT_FALSE(queue.isRunning());
-    std::atomic<int> freed{0};
-    bool onCaller = false;
-    std::thread::id caller = std::this_thread::get_id();
-    queue.postAsynchronously(new FnMessage(
-        [&] {
-            onCaller = std::this_thread::get_id() == caller;
-            return 0;
-        },
-        &freed));
-    EXPECT_TRUE(onCaller);
-    EXPECT_EQ(freed, 1);
-    EXPECT_EQ(servicer.started.count(), 0);  // run() was never called
-
-    // The failed thread is joined by the next start, which runs normally.
-    ASSERT_TRUE(queue.start());
-    ASSERT_TRUE(servicer.started.waitFor(1));
-    EXPECT_TRUE(queue.isRunning());
+    std::atomic<int> performed{0};
+    Counter freed;
+    queue.postAsynchronously(new FnMessage([&] { return ++performed; }, &freed));
+    EXPECT_EQ(performed, 1);  // at once, on this thread
+    EXPECT_EQ(freed.count(), 1);
+    EXPECT_EQ(servicer.started.count(), 0);   // run() was never called
+    ASSERT_NO_FATAL_FAILURE(startAndWait());  // joins the failed thread and runs normally
     servicer.stop();
     queue.join();
     EXPECT_EQ(queue.inStartUp.count(), 2);
-}
-
-TEST(ControlMessageQueue, DestructionRacingARunThatEndsOnItsOwnIsSafe) {
-    // Nobody calls join(): the destructor must wait for the thread (a sanitizer reports a
-    // leaked or raced thread), whichever of the two finishes the queue first.
-    ReturningServicer servicer;
-    std::unique_ptr<ControlMessageQueueUNIX> queue(new ControlMessageQueueUNIX(&servicer));
-    servicer.queue = queue.get();
-    ASSERT_TRUE(queue->start());
-    queue.reset();
-    EXPECT_LE(servicer.order.size(), 3u);
 }
 
 }  // namespace

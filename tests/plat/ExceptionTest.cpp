@@ -1,64 +1,101 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <stdexcept>
 #include <string>
 
+#include "plat/Assert.h"
 #include "plat/Exception.h"
+#include "plat/RecordingLogger.h"
 
 namespace {
 
-const std::string kLong(300, 'x');
+using zeltest::RecordingLogger;
 
-TEST(SystemException, TextThenStrerrorThenNumber) {
-    plat::SystemException bare("", 2);
-    EXPECT_EQ(std::string(bare.str()), std::string(std::strerror(2)) + " (2)");
-    EXPECT_EQ(bare.err(), 2);
+TEST(Exception, TextsOfEachKindAndTheCutAt255Characters) {
+    auto err = [](int e) { return std::string(std::strerror(e)) + " (" + std::to_string(e) + ")"; };
+    const std::string big(300, 'x'), cut = big.substr(0, 255), fits(255, 'y');
+    const std::string cases[][2] = {
+        {plat::SystemException("", 2).str(), err(2)},
+        {plat::SystemException(nullptr, 2).str(), err(2)},
+        {plat::SystemException("connect", 111).str(), "connect: " + err(111)},
+        {plat::SystemExceptionFmt(13, "open %s at %d", "/dev/x", 7).str(),
+         "open /dev/x at 7: " + err(13)},
+        {plat::AssertionFail("due >= now", "libs/plat/TimerManager", 88).str(),
+         "Assertion 'due >= now' failed at libs/plat/TimerManager:88"},
+        {plat::Exception().str(), ""},
+        {plat::Exception(nullptr).str(), ""},
+        {plat::Exception(big.c_str()).str(), cut},
+        {plat::ExceptionFmt("%s", big.c_str()).str(), cut},
+        // A long text leaves no room for the error description: the tail is what goes.
+        {plat::SystemException(big.c_str(), 2).str(), cut},
+        {plat::SystemExceptionFmt(2, "%s", big.c_str()).str(), cut},
+        {plat::AssertionFail(big.c_str(), "f", 1).str(), ("Assertion '" + big).substr(0, 255)},
+        {plat::Exception(fits.c_str()).str(), fits},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c[0], c[1]);
 
-    plat::SystemException nullText(nullptr, 2);
-    EXPECT_STREQ(nullText.str(), bare.str());
-
-    plat::SystemException withText("connect", 111);
-    EXPECT_EQ(std::string(withText.str()),
-              "connect: " + std::string(std::strerror(111)) + " (111)");
-
-    plat::SystemExceptionFmt formatted(13, "open %s at %d", "/dev/x", 7);
-    EXPECT_EQ(std::string(formatted.str()),
-              "open /dev/x at 7: " + std::string(std::strerror(13)) + " (13)");
+    const plat::SystemException& formatted = plat::SystemExceptionFmt(13, "%s", "x");
     EXPECT_EQ(formatted.err(), 13);
-    // The formatted kind is still caught as a system exception.
-    try {
-        throw plat::SystemExceptionFmt(2, "%s", "x");
-    } catch (const plat::SystemException& e) {
-        EXPECT_EQ(e.err(), 2);
-    }
-}
-
-TEST(Exception, EveryKindCutsAt255Characters) {
-    const std::string cut = kLong.substr(0, 255);
-    EXPECT_EQ(std::string(plat::Exception(kLong.c_str()).str()), cut);
-    EXPECT_EQ(std::string(plat::ExceptionFmt("%s", kLong.c_str()).str()), cut);
-    // A long text leaves no room for the error description: the tail is what goes.
-    EXPECT_EQ(std::string(plat::SystemException(kLong.c_str(), 2).str()), cut);
-    EXPECT_EQ(std::string(plat::SystemExceptionFmt(2, "%s", kLong.c_str()).str()), cut);
-    const std::string assertion =
-        plat::AssertionFail(kLong.c_str(), "libs/plat/Exception", 1).str();
-    EXPECT_EQ(assertion, ("Assertion '" + kLong).substr(0, 255));
-    // Exactly 255 fits whole.
-    const std::string fits(255, 'y');
-    EXPECT_EQ(std::string(plat::Exception(fits.c_str()).str()), fits);
-}
-
-TEST(Exception, EmptyAndNullText) {
-    EXPECT_STREQ(plat::Exception().str(), "");
-    EXPECT_STREQ(plat::Exception(nullptr).str(), "");
-}
-
-TEST(AssertionFail, TextAndParts) {
-    plat::AssertionFail failure("due >= now", "libs/plat/TimerManager", 88);
-    EXPECT_STREQ(failure.str(), "Assertion 'due >= now' failed at libs/plat/TimerManager:88");
-    EXPECT_STREQ(failure.expression(), "due >= now");
-    EXPECT_STREQ(failure.file(), "libs/plat/TimerManager");
+    plat::AssertionFail failure("a", "libs/x", 88);
+    EXPECT_STREQ(failure.expression(), "a");
+    EXPECT_STREQ(failure.file(), "libs/x");
     EXPECT_EQ(failure.line(), 88);
+}
+
+TEST(AssertDeathTest, HardAssertionLogsTheLineAndAbortsEvenWhenTheLoggerThrows) {
+    zeltest::StderrLogger logger;
+    plat::ScopedCurrentLogger scope(&logger);
+    EXPECT_DEATH(plat::assertionFailed("queue != nullptr", "/build/x/libs/messaging/Queue.cpp", 42),
+                 "\\[Assertion/0\\] Assertion 'queue != nullptr' failed at "
+                 "libs/messaging/Queue:42");
+    int two = 2;
+    EXPECT_DEATH(
+        PLAT_ASSERT(two == 3),
+        "\\[Assertion/0\\] Assertion 'two == 3' failed at tests/plat/ExceptionTest:[0-9]+");
+    zeltest::ThrowingLogger throwing([] { throw std::runtime_error("log failed"); });
+    plat::ScopedCurrentLogger throwingScope(&throwing);
+    EXPECT_DEATH(PLAT_ASSERT(false), "");
+}
+
+TEST(Assert, HoldingConditionIsEvaluatedOnceAndWarningsLogAndReturn) {
+    RecordingLogger logger;
+    {
+        plat::ScopedCurrentLogger scope(&logger);
+        int evaluations = 0;
+        PLAT_ASSERT(++evaluations == 1);
+        EXPECT_EQ(evaluations, 1);
+        EXPECT_TRUE(logger.lines.empty());
+        plat::assertionWarning("timer list out of order");
+    }
+    ASSERT_EQ(logger.lines.size(), 1u);
+    EXPECT_EQ(logger.lines[0].level, plat::kLogError);
+    EXPECT_EQ(logger.lines[0].facility, "Assertion");
+    EXPECT_EQ(logger.lines[0].text, "Warning: timer list out of order");
+
+    plat::assertionWarning("no logger on this thread: dropped");
+    zeltest::ThrowingLogger throwing([] { throw std::runtime_error("log failed"); });
+    plat::ScopedCurrentLogger scope(&throwing);
+    plat::assertionWarning("swallowed");
+    EXPECT_EQ(throwing.calls, 1);
+}
+
+TEST(Assert, SourceNameIsProjectRelativeWithoutExtension) {
+    const struct {
+        const char* file;
+        unsigned size;
+        const char* name;
+    } cases[] = {
+        {"/home/ci/work/libs/rdr/InStream.cpp", 128, "libs/rdr/InStream"},
+        {"/w/src/sdk/SdkEntry.cpp", 128, "src/sdk/SdkEntry"},
+        {"Local.cpp", 128, "Local"},
+        {"/w/src/v1.2/Thing", 128, "src/v1.2/Thing"},  // a dot in a folder is no extension
+        {"/w/libs/plat/TimerManager.cpp", 10, "libs/plat"},
+    };
+    for (const auto& c : cases) {
+        char buffer[128];
+        EXPECT_STREQ(plat::sourceName(c.file, buffer, c.size), c.name) << c.file;
+    }
 }
 
 }  // namespace

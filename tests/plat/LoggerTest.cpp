@@ -1,59 +1,38 @@
-#include "plat/Logger.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <thread>
 
 #include "plat/DString.h"
+#include "plat/Logger.h"
 #include "plat/RecordingLogger.h"
 
 namespace {
 
 using zeltest::RecordingLogger;
 
-TEST(LoggerRef, NamedLoggerWinsOverCurrentAndEachLevelKeepsItsValue) {
+TEST(LoggerRef, NamedLoggerWinsOverCurrentElseCurrentElseNothing) {
     RecordingLogger own, current;
-    plat::ScopedCurrentLogger scope(&current);
-    plat::LoggerRef ref{"CDBSession", &own};
-    ref.error("e %d", 1);
-    ref.warning("w");
-    ref.info("i");
-    ref.debug("d %s", "x");
-    ASSERT_EQ(own.lines.size(), 4u);
-    EXPECT_TRUE(current.lines.empty());
-    EXPECT_EQ(own.lines[0].level, 0);
-    EXPECT_EQ(own.lines[1].level, 10);
-    EXPECT_EQ(own.lines[2].level, 30);
-    EXPECT_EQ(own.lines[3].level, 100);
-    EXPECT_EQ(own.lines[3].text, "d x");
-    EXPECT_EQ(own.lines[0].facility, "CDBSession");
-}
-
-TEST(LoggerRef, NullLoggerUsesThreadCurrentOrLogsNothing) {
-    plat::LoggerRef ref{"TimerManager", nullptr};
-    EXPECT_FALSE(ref.active());
-    ref.info("dropped");  // no current logger on this thread: nothing happens
-    RecordingLogger current;
+    plat::LoggerRef named{"CDBSession", &own}, unnamed{"TimerManager", nullptr};
+    EXPECT_FALSE(unnamed.active());
+    unnamed.info("dropped: no current logger on this thread");
     {
         plat::ScopedCurrentLogger scope(&current);
-        EXPECT_TRUE(ref.active());
-        ref.info("kept");
+        EXPECT_TRUE(unnamed.active());
+        named.error("e %d", 1);
+        named.warning("w");
+        named.info("i");
+        named.debug("d %s", "x");
+        unnamed.info("kept");
     }
-    ref.info("dropped again");
+    unnamed.info("dropped again");
+    ASSERT_EQ(own.lines.size(), 4u);
+    const int levels[] = {0, 10, 30, 100};
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(own.lines[i].level, levels[i]);
+    EXPECT_EQ(own.lines[3].text, "d x");
+    EXPECT_EQ(own.lines[0].facility, "CDBSession");
     ASSERT_EQ(current.lines.size(), 1u);
     EXPECT_EQ(current.lines[0].text, "kept");
-}
-
-TEST(DString, GrowsPastItsFirstGuessAndAppends) {
-    plat::DString s;
-    std::string big(1000, 'x');
-    s.format("%s-%d", big.c_str(), 7);
-    EXPECT_EQ(std::string(s.c_str()), big + "-7");
-    s.appendFormat("+%s", "y");
-    EXPECT_EQ(s.length(), big.size() + 4);
-    s.clear();
-    EXPECT_STREQ(s.c_str(), "");
 }
 
 // The current logger belongs to the thread that set it: another thread starts without one
@@ -73,6 +52,18 @@ TEST(Logger, CurrentLoggerIsPerThread) {
     EXPECT_TRUE(mine.lines.empty());
     ASSERT_EQ(theirs.lines.size(), 1u);
     EXPECT_EQ(theirs.lines[0].facility, "TimerManager");
+}
+
+TEST(DString, GrowsPastItsFirstGuessAndAppends) {
+    plat::DString s;
+    std::string big(1000, 'x');
+    s.format("%s-%d", big.c_str(), 7);
+    EXPECT_EQ(std::string(s.c_str()), big + "-7");
+    s.appendFormat("+%s", "y");
+    EXPECT_EQ(s.length(), big.size() + 4);
+    s.clear();
+    EXPECT_STREQ(s.c_str(), "");
+    EXPECT_EQ(s.length(), 0u);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <utility>
@@ -37,6 +38,15 @@ struct ThrowingLogger : plat::Logger {
 
 private:
     std::function<void()> raise_;
+};
+
+// Writes "[facility/level] text" lines to stderr, where a death test can match them.
+struct StderrLogger : plat::Logger {
+    void log(int level, const char* facility, const char* format, va_list args) override {
+        std::fprintf(stderr, "[%s/%d] ", facility, level);
+        std::vfprintf(stderr, format, args);
+        std::fputc('\n', stderr);
+    }
 };
 
 }  // namespace zeltest

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,8 @@ namespace rdrtest {
 
 // A BufferedInStream over a script of chunks: each readData call hands out (part of) the
 // next chunk, an empty chunk is one "nothing available now" answer, and an exhausted script
-// answers nothing forever. Tracks the calls so tests can check when refills happen.
+// answers nothing forever, or calls onDry (which may throw, as a failing source would).
+// Tracks the calls so tests can check when refills happen.
 class ScriptedInStream : public rdr::BufferedInStream {
 public:
     explicit ScriptedInStream(size_t bufferSize = 0) : rdr::BufferedInStream(bufferSize) {}
@@ -21,6 +23,7 @@ public:
     void add(const std::string& chunk) { chunks_.emplace_back(chunk.begin(), chunk.end()); }
     void addNothing() { chunks_.emplace_back(); }
 
+    std::function<void()> onDry;
     int readCalls = 0;
     std::vector<size_t> offered;  // maxBytes of each call
 
@@ -31,7 +34,10 @@ protected:
     size_t readData(void* dest, size_t maxBytes) override {
         ++readCalls;
         offered.push_back(maxBytes);
-        if (chunks_.empty()) return 0;
+        if (chunks_.empty()) {
+            if (onDry) onDry();
+            return 0;
+        }
         std::vector<uint8_t>& chunk = chunks_.front();
         size_t n = std::min(maxBytes, chunk.size());
         if (n > 0) std::memcpy(dest, chunk.data(), n);

@@ -27,22 +27,9 @@ typedef union {
     unsigned char bytes[sizeof(ZELCDBSDK) + 16];
 } Buffer;
 
-static void fillGuard(Buffer* buffer) {
-    memset(buffer->bytes, GUARD, sizeof buffer->bytes);
-}
-
-static int allGuard(const unsigned char* bytes, size_t from, size_t to) {
-    size_t i;
-    for (i = from; i < to; ++i) {
-        if (bytes[i] != GUARD) return 0;
-    }
-    return 1;
-}
-
-static int allZero(const unsigned char* bytes, size_t from, size_t to) {
-    size_t i;
-    for (i = from; i < to; ++i) {
-        if (bytes[i] != 0) return 0;
+static int allBytesAre(const unsigned char* bytes, size_t from, size_t to, unsigned char value) {
+    for (; from < to; ++from) {
+        if (bytes[from] != value) return 0;
     }
     return 1;
 }
@@ -66,21 +53,19 @@ static void checkTableSizes(void) {
                               0xFFFFFFFFu};
     size_t i;
 
-    fillGuard(&full);
+    memset(full.bytes, GUARD, sizeof full.bytes);
     CHECK(ZELCDBSDKInitialize(&full.table, FULL_SIZE) == ZELCDBErrorNone);
-
     for (i = 0; i < sizeof sizes / sizeof sizes[0]; ++i) {
         const uint32_t size = sizes[i];
-        const int inRange = size >= 16 && size <= FULL_SIZE;
         uint32_t offset;
         ZELCDBError result;
         const int failuresBefore = failures;
 
-        fillGuard(&buffer);
+        memset(buffer.bytes, GUARD, sizeof buffer.bytes);
         result = ZELCDBSDKInitialize(&buffer.table, size);
-        if (!inRange) {
+        if (size < 16 || size > FULL_SIZE) {
             CHECK(result == ZELCDBErrorInvalidParameter);
-            CHECK(allGuard(buffer.bytes, 0, sizeof buffer.bytes));
+            CHECK(allBytesAre(buffer.bytes, 0, sizeof buffer.bytes, GUARD));
             continue;
         }
         CHECK(result == ZELCDBErrorNone);
@@ -89,13 +74,12 @@ static void checkTableSizes(void) {
             if (offset + SLOT_SIZE <= size) {
                 CHECK(memcmp(buffer.bytes + offset, full.bytes + offset, SLOT_SIZE) == 0);
             } else {
-                CHECK(allZero(buffer.bytes, offset, size));
+                CHECK(allBytesAre(buffer.bytes, offset, size, 0));
             }
         }
-        CHECK(allGuard(buffer.bytes, size, sizeof buffer.bytes));
+        CHECK(allBytesAre(buffer.bytes, size, sizeof buffer.bytes, GUARD));
         if (failures != failuresBefore) fprintf(stderr, "  (table of %u bytes)\n", (unsigned)size);
     }
-
     CHECK(full.table.versionMajor == 2 && full.table.versionMinor == 7 &&
           full.table.versionPatch == 0 && full.table.versionBuild == 2565);
     CHECK(full.table.reserved8 == NULL);
@@ -130,16 +114,15 @@ static void checkHashName(ZELSBPHashNameFn* hash) {
 }
 
 int main(void) {
-    Buffer buffer;
+    ZELCDBSDK sdk;
     checkTableSizes();
-    fillGuard(&buffer);
-    if (ZELCDBSDKInitialize(&buffer.table, FULL_SIZE) != ZELCDBErrorNone) return 1;
-    checkErrorNames(buffer.table.getErrorName);
-    checkHashName(buffer.table.hashName);
+    if (ZELCDBSDKInitialize(&sdk, FULL_SIZE) != ZELCDBErrorNone) return 1;
+    checkErrorNames(sdk.getErrorName);
+    checkHashName(sdk.hashName);
     /* Uninitialize and initialize again: the table is refilled the same way. */
-    buffer.table.sdkUninitialize();
-    CHECK(ZELCDBSDKInitialize(&buffer.table, FULL_SIZE) == ZELCDBErrorNone);
-    buffer.table.sdkUninitialize();
+    sdk.sdkUninitialize();
+    CHECK(ZELCDBSDKInitialize(&sdk, FULL_SIZE) == ZELCDBErrorNone);
+    sdk.sdkUninitialize();
     if (failures) return 1;
     puts("header_c_test: ok");
     return 0;
