@@ -1,13 +1,17 @@
 #pragma once
 
-// Helpers for the SBP codec tests: the function table as an application gets it, a
-// deserializer that records its callbacks as text lines, and byte-vector helpers.
+// Helpers for the SBP codec tests: the function table as an application gets it, a one-line
+// call language for the serializer, and a deserializer that writes its callbacks back in the
+// same language, so that call scripts and event traces read alike.
+
+#include <gtest/gtest.h>
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "zelcdbsdk.h"
@@ -26,12 +30,15 @@ inline const ZELCDBSDK& api() {
     return table;
 }
 
-inline std::string hex(const uint8_t* data, size_t length) {
+inline std::string hexWord(uint64_t value, int digits) {
+    char text[20];
+    std::snprintf(text, sizeof text, "%0*" PRIX64, digits, value);
+    return text;
+}
+inline std::string hex(const void* data, size_t length, const char* separator = " ") {
     std::string out;
-    char digits[4];
     for (size_t i = 0; i < length; ++i) {
-        std::snprintf(digits, sizeof digits, i == 0 ? "%02X" : " %02X", data[i]);
-        out += digits;
+        out += (i == 0 ? "" : separator) + hexWord(static_cast<const uint8_t*>(data)[i], 2);
     }
     return out;
 }
@@ -39,159 +46,163 @@ inline std::string hex(const Bytes& bytes) {
     return hex(bytes.data(), bytes.size());
 }
 
-// "01 02 A1" -> bytes.
-inline Bytes parseHex(const char* text) {
+// "01 02A1" -> bytes; spaces may go between bytes.
+inline Bytes parseHex(const std::string& text) {
     Bytes out;
-    unsigned value;
-    int used;
-    while (std::sscanf(text, " %2x%n", &value, &used) == 1) {
-        out.push_back(static_cast<uint8_t>(value));
-        text += used;
+    for (size_t i = 0; (i = text.find_first_not_of(' ', i)) != std::string::npos; i += 2) {
+        out.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
     }
     return out;
 }
 
-inline Bytes concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
-    return out;
+// One serializer call of a script token; see run().
+inline ZELCDBError call(ZELSBPSerializer* s, char kind, uint32_t uid, const std::string& value,
+                        uint32_t length) {
+    const ZELCDBSDK& a = api();
+    int64_t n = std::strtoll(value.c_str(), nullptr, 0);
+    float f = std::strtof(value.c_str(), nullptr);
+    double d = std::strtod(value.c_str(), nullptr);
+    if (value[0] == '#') {
+        uint64_t bits = std::strtoull(value.c_str() + 1, nullptr, 16);
+        uint32_t low = static_cast<uint32_t>(bits);
+        std::memcpy(&f, &low, sizeof f);
+        std::memcpy(&d, &bits, sizeof d);
+    }
+    bool null = value == "-";
+    Bytes data = !null && (kind == 'x' || kind == 's' || kind == 'A') ? parseHex(value) : Bytes();
+    std::string text(data.begin(), data.end());
+    uint32_t size = length != ZELSBP_NUL_TERMINATED ? length : static_cast<uint32_t>(data.size());
+    if (kind == 'L') return a.serializerBeginValueList(s);
+    if (kind == 'S') return a.serializerBeginStructure(s, uid);
+    if (kind == 'A') return a.serializerBeginArray(s, uid, static_cast<uint8_t>(data.at(0)));
+    if (kind == 'E') return a.serializerEnd(s);
+    if (kind == 'z') return a.serializerAddBoolean(s, uid, static_cast<int32_t>(n));
+    if (kind == 'y') return a.serializerAddByte(s, uid, static_cast<int8_t>(n));
+    if (kind == 'h') return a.serializerAddShort(s, uid, static_cast<int16_t>(n));
+    if (kind == 'i') return a.serializerAddInt(s, uid, static_cast<int32_t>(n));
+    if (kind == 'l') return a.serializerAddLong(s, uid, n);
+    if (kind == 'f') return a.serializerAddFloat(s, uid, f);
+    if (kind == 'd') return a.serializerAddDouble(s, uid, d);
+    if (kind == 'x') return a.serializerAddBytes(s, uid, null ? nullptr : data.data(), size);
+    if (kind == 's') return a.serializerAddString(s, uid, null ? nullptr : text.c_str(), length);
+    // 'G': GetData, which clears both outputs when it refuses.
+    const uint8_t* out = reinterpret_cast<const uint8_t*>(&kind);
+    uint32_t outLength = 99;
+    ZELCDBError result = a.serializerGetData(s, &out, &outLength);
+    EXPECT_TRUE(result == ZELCDBErrorNone || (out == nullptr && outLength == 0));
+    return result;
 }
 
-// A serializer from the table, destroyed with the test.
+// Runs a call script on s, checking every call's result. Space-separated tokens:
+//   L, S<uid>, A<uid>:<element type hex>, E, G      begin list/structure/array, end, get data
+//   z, y, h, i, l <uid>:<value>     boolean, byte, short, int, long (C integer literal)
+//   f, d <uid>:<value>              float, double: strtod text, or #<hex> for the bit pattern
+//   x, s <uid>:<hex bytes>          bytes, string (UTF-8 bytes; NUL-terminated unless /<n>)
+//   x and s take "-" for a null pointer and /<n> for an explicit length; !<code> at the end
+//   is the result the call must give, 0 otherwise.
+inline void run(ZELSBPSerializer* s, const std::string& script) {
+    for (size_t at = 0; (at = script.find_first_not_of(' ', at)) != std::string::npos;) {
+        std::string token = script.substr(at, script.find(' ', at) - at);
+        at += token.size();
+        char* rest;
+        uint32_t uid = static_cast<uint32_t>(std::strtoul(token.c_str() + 1, &rest, 10));
+        std::string value;
+        if (*rest == ':') {
+            value.assign(rest + 1, std::strcspn(rest + 1, "/!"));
+            rest += 1 + value.size();
+        }
+        uint32_t length = ZELSBP_NUL_TERMINATED;
+        if (*rest == '/') length = static_cast<uint32_t>(std::strtoul(rest + 1, &rest, 10));
+        ZELCDBError expected = *rest == '!' ? std::atoi(rest + 1) : ZELCDBErrorNone;
+        EXPECT_EQ(call(s, token[0], uid, value, length), expected) << token;
+    }
+}
+
+// A serializer from the table, destroyed (open containers and all) with the test.
 class Serializer {
 public:
-    Serializer() { create_ = api().serializerCreate(&handle_); }
-    ~Serializer() {
-        if (handle_) api().serializerDestroy(handle_);
+    explicit Serializer(const std::string& script = "") {
+        EXPECT_EQ(api().serializerCreate(&handle_), ZELCDBErrorNone);
+        run(script);
     }
-    Serializer(const Serializer&) = delete;
-    Serializer& operator=(const Serializer&) = delete;
+    ~Serializer() { EXPECT_EQ(api().serializerDestroy(handle_), ZELCDBErrorNone); }
 
     ZELSBPSerializer* get() const { return handle_; }
-    ZELCDBError createResult() const { return create_; }
-
-    // The finished bytes, or an empty vector when GetData refuses.
+    void run(const std::string& script) { sbptest::run(handle_, script); }
+    // The finished bytes, or nothing when GetData refuses.
     Bytes bytes() const {
         const uint8_t* data = nullptr;
         uint32_t length = 0;
-        if (api().serializerGetData(handle_, &data, &length) != ZELCDBErrorNone) return {};
+        api().serializerGetData(handle_, &data, &length);
         return Bytes(data, data + length);
     }
 
 private:
     ZELSBPSerializer* handle_ = nullptr;
-    ZELCDBError create_;
 };
 
-inline std::string floatBits(float value) {
-    uint32_t bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    char text[16];
-    std::snprintf(text, sizeof text, "%08" PRIX32, bits);
-    return text;
-}
-inline std::string doubleBits(double value) {
-    uint64_t bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    char text[24];
-    std::snprintf(text, sizeof text, "%016" PRIX64, bits);
-    return text;
-}
-
-// A deserializer from the table whose callbacks append one line per event, e.g.
-// "int 16909060 5", "struct 10 1", "array 7 84", "end 10". Floats and doubles are shown as
-// their bit patterns, strings and bytes in hex, so that every bit of every value counts.
+// A deserializer from the table whose callbacks append one space-separated token per event
+// to trace, in the letters of the call scripts: "i5:16909060", "S10:1" (structure, member
+// count), "A7:84" (array, element type), "E10" (end), "x3:ABCD", "s1:C3A9" (UTF-8 bytes),
+// "f0:3F800000" (floats and doubles as bit patterns, so that every bit counts).
 class Recorder {
 public:
     explicit Recorder(uint32_t callbacksSize = sizeof(ZELSBPDeserializerCallbacks),
                       const ZELSBPDeserializerCallbacks* callbacks = &kAll) {
-        api().deserializerCreate(&handle_, this, callbacks, callbacksSize);
+        EXPECT_EQ(api().deserializerCreate(&handle_, this, callbacks, callbacksSize), 0);
     }
-    ~Recorder() {
-        if (handle_) api().deserializerDestroy(handle_);
-    }
-    Recorder(const Recorder&) = delete;
-    Recorder& operator=(const Recorder&) = delete;
+    ~Recorder() { api().deserializerDestroy(handle_); }
 
     ZELSBPDeserializer* get() const { return handle_; }
-
-    ZELCDBError deserialize(const Bytes& data) {
-        events.clear();
-        return api().deserializerDeserialize(handle_, &userData_, data.data(),
-                                             static_cast<uint32_t>(data.size()));
-    }
-    ZELCDBError deserializeValueList(const Bytes& data) {
-        events.clear();
-        return api().deserializerDeserializeValueList(handle_, &userData_, data.data(),
-                                                      static_cast<uint32_t>(data.size()));
+    ZELCDBError deserialize(const Bytes& data, bool valueList = false) {
+        trace.clear();
+        auto entry =
+            valueList ? api().deserializerDeserializeValueList : api().deserializerDeserialize;
+        return entry(handle_, &userData_, data.data(), static_cast<uint32_t>(data.size()));
     }
 
-    std::vector<std::string> events;
-    // Pointers handed to the last bytes and string callbacks.
+    std::string trace;
+    size_t events = 0;
+    bool quiet = false;  // count events only, allocating nothing
     const uint8_t* lastBytes = nullptr;
     const char* lastText = nullptr;
-    // Run inside the string callback after recording, when set.
-    void (*afterString)(Recorder& recorder) = nullptr;
-    // Set when a callback got another handle, context or user data than it should.
-    bool wrongArguments = false;
+    // Run inside the string callback, before its text is recorded.
+    void (*inString)(Recorder& recorder) = nullptr;
 
     static const ZELSBPDeserializerCallbacks kAll;
 
 private:
-    static Recorder& self(ZELSBPDeserializer* d, void* context, void* userData) {
+    template <char K, typename... T>
+    static void on(ZELSBPDeserializer* d, void* context, void* userData, uint32_t uid, T... v) {
         Recorder& r = *static_cast<Recorder*>(context);
-        if (d != r.handle_ || userData != &r.userData_) r.wrongArguments = true;
-        return r;
+        ++r.events;
+        if (r.quiet) return;
+        r.trace += (r.trace.empty() ? "" : " ") + std::string(1, K) + std::to_string(uid);
+        // A callback given another handle or user data shows up in the trace.
+        if (d != r.handle_ || userData != &r.userData_) r.trace += "?";
+        r.trace += r.text(v...);
     }
-    static void add(ZELSBPDeserializer* d, void* context, void* userData, const char* name,
-                    uint32_t uid, const std::string& rest) {
-        self(d, context, userData)
-            .events.push_back(std::string(name) + " " + std::to_string(uid) +
-                              (rest.empty() ? "" : " " + rest));
+    std::string text() { return ""; }
+    std::string text(const uint8_t* data, uint32_t length) {
+        lastBytes = data;
+        return ":" + hex(data, length, "");
     }
-
-    static void onBoolean(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, int32_t v) {
-        add(d, c, u, "bool", uid, std::to_string(v));
+    std::string text(const char* utf8) {
+        lastText = utf8;
+        if (inString) inString(*this);
+        return ":" + hex(utf8, std::strlen(utf8), "");
     }
-    static void onByte(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, int8_t v) {
-        add(d, c, u, "byte", uid, std::to_string(v));
-    }
-    static void onShort(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, int16_t v) {
-        add(d, c, u, "short", uid, std::to_string(v));
-    }
-    static void onInt(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, int32_t v) {
-        add(d, c, u, "int", uid, std::to_string(v));
-    }
-    static void onLong(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, int64_t v) {
-        add(d, c, u, "long", uid, std::to_string(v));
-    }
-    static void onFloat(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, float v) {
-        add(d, c, u, "float", uid, floatBits(v));
-    }
-    static void onDouble(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, double v) {
-        add(d, c, u, "double", uid, doubleBits(v));
-    }
-    static void onBytes(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, const uint8_t* data,
-                        uint32_t length) {
-        self(d, c, u).lastBytes = data;
-        add(d, c, u, "bytes", uid, hex(data, length));
-    }
-    static void onString(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, const char* utf8) {
-        add(d, c, u, "string", uid, hex(reinterpret_cast<const uint8_t*>(utf8), std::strlen(utf8)));
-        Recorder& r = self(d, c, u);
-        r.lastText = utf8;
-        if (r.afterString) r.afterString(r);
-    }
-    static void onStructure(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, uint32_t count) {
-        add(d, c, u, "struct", uid, std::to_string(count));
-    }
-    static void onArray(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, uint8_t type) {
-        char text[4];
-        std::snprintf(text, sizeof text, "%02X", type);
-        add(d, c, u, "array", uid, text);
-    }
-    static void onEnd(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid) {
-        add(d, c, u, "end", uid, "");
+    template <typename T>
+    std::string text(T v) {
+        if constexpr (std::is_same_v<T, uint8_t>) {
+            return ":" + hexWord(v, 2);
+        } else if constexpr (std::is_floating_point_v<T>) {
+            std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t> bits;
+            std::memcpy(&bits, &v, sizeof bits);
+            return ":" + hexWord(bits, 2 * sizeof bits);
+        } else {
+            return ":" + std::to_string(v);
+        }
     }
 
     ZELSBPDeserializer* handle_ = nullptr;
@@ -199,10 +210,11 @@ private:
 };
 
 inline const ZELSBPDeserializerCallbacks Recorder::kAll = {
-    &Recorder::onBoolean, &Recorder::onByte,      &Recorder::onShort,  &Recorder::onInt,
-    &Recorder::onLong,    &Recorder::onFloat,     &Recorder::onDouble, &Recorder::onBytes,
-    &Recorder::onString,  &Recorder::onStructure, &Recorder::onArray,  &Recorder::onEnd};
-
-using Events = std::vector<std::string>;
+    &on<'z', int32_t>,     &on<'y', int8_t>,
+    &on<'h', int16_t>,     &on<'i', int32_t>,
+    &on<'l', int64_t>,     &on<'f', float>,
+    &on<'d', double>,      &on<'x', const uint8_t*, uint32_t>,
+    &on<'s', const char*>, &on<'S', uint32_t>,
+    &on<'A', uint8_t>,     &on<'E'>};
 
 }  // namespace sbptest

@@ -8,266 +8,141 @@
 namespace sbptest {
 namespace {
 
-struct TraceCase {
-    const char* name;
+constexpr ZELCDBError kOk = ZELCDBErrorNone;
+constexpr ZELCDBError kNoCallback = ZELCDBErrorSBPDeserializeCallbackNotImplemented;
+constexpr ZELCDBError kTruncated = ZELCDBErrorSBPDeserializeInputTruncated;
+constexpr ZELCDBError kTooLong = ZELCDBErrorSBPDeserializeInputTooLong;
+constexpr ZELCDBError kMalformed = ZELCDBErrorSBPDeserializeInputMalformed;
+
+struct Case {
     const char* input;
     ZELCDBError result;
-    Events events;
+    const char* trace;
+    bool valueList = false;
+    int nullCallback = -1;  // index of a callback left null
 };
 
-void expectTraces(const TraceCase* begin, const TraceCase* end, bool valueList) {
-    for (const TraceCase* c = begin; c != end; ++c) {
-        SCOPED_TRACE(c->name);
-        Recorder r;
-        Bytes input = parseHex(c->input);
-        ZELCDBError result = valueList ? r.deserializeValueList(input) : r.deserialize(input);
-        EXPECT_EQ(result, c->result);
-        EXPECT_EQ(r.events, c->events);
-        EXPECT_FALSE(r.wrongArguments);
+void expectTraces(std::initializer_list<Case> cases) {
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.input);
+        ZELSBPDeserializerCallbacks callbacks = Recorder::kAll;
+        if (c.nullCallback >= 0) reinterpret_cast<void**>(&callbacks)[c.nullCallback] = nullptr;
+        Recorder r(sizeof callbacks, &callbacks);
+        EXPECT_EQ(r.deserialize(parseHex(c.input), c.valueList), c.result);
+        EXPECT_EQ(r.trace, c.trace);
     }
 }
 
-TEST(DeserializerTest, SingleValueTraces) {
-    const TraceCase cases[] = {
-        {"int", "01 02 03 04 85 00 00 00 05", ZELCDBErrorNone, {"int 16909060 5"}},
-        {"int and a trailing byte",
-         "01 02 03 04 85 00 00 00 05 00",
-         ZELCDBErrorSBPDeserializeInputTooLong,
-         {"int 16909060 5"}},
-        {"structure with a boolean",
-         "00 00 00 0A A1 00 00 00 01 00 00 00 0B 82 01 81",
-         ZELCDBErrorNone,
-         {"struct 10 1", "bool 11 1", "end 10"}},
-        {"array of shorts",
-         "00 00 00 07 A0 84 00 00 00 02 FF FF 00 02",
-         ZELCDBErrorNone,
-         {"array 7 84", "short 0 -1", "short 0 2", "end 7"}},
-        {"structure end byte wrong",
-         "00 00 00 0A A1 00 00 00 01 00 00 00 0B 82 01 80",
-         ZELCDBErrorSBPDeserializeInputMalformed,
-         {"struct 10 1", "bool 11 1"}},
-        {"cut inside an int",
-         "01 02 03 04 85 00 00 00",
-         ZELCDBErrorSBPDeserializeInputTruncated,
-         {}},
-        {"cut inside the header", "01 02 03", ZELCDBErrorSBPDeserializeInputTruncated, {}},
-        {"string of U+00E9",
-         "00 00 00 01 91 00 00 00 01 00 E9",
-         ZELCDBErrorNone,
-         {"string 1 C3 A9"}},
-        {"string of U+0800 and U+FFFF",
-         "00 00 00 01 91 00 00 00 02 08 00 FF FF",
-         ZELCDBErrorNone,
-         {"string 1 E0 A0 80 EF BF BF"}},
-        {"empty string", "00 00 00 01 91 00 00 00 00", ZELCDBErrorNone, {"string 1"}},
+TEST(DeserializerTest, InputsGiveTheseTraces) {
+    expectTraces({
+        {"01020304 85 00000005", kOk, "i16909060:5"},
+        {"01020304 85 00000005 00", kTooLong, "i16909060:5"},
+        {"0000000A A1 00000001 0000000B 82 01 81", kOk, "S10:1 z11:1 E10"},
+        {"00000007 A0 84 00000002 FFFF 0002", kOk, "A7:84 h0:-1 h0:2 E7"},
+        {"0000000A A1 00000001 0000000B 82 01 80", kMalformed, "S10:1 z11:1"},
+        {"01020304 85 000000", kTruncated, ""},
+        {"010203", kTruncated, ""},
+        {"", kTruncated, ""},
+        {"00000001 91 00000001 00E9", kOk, "s1:C3A9"},
+        {"00000001 91 00000002 0800 FFFF", kOk, "s1:E0A080EFBFBF"},
+        {"00000001 91 00000000", kOk, "s1:"},
         // Empty containers close at once and are not counted in their parent, which then
-        // takes the final 0x81 for the next element's marker.
-        {"array of one empty structure",
-         "00 00 00 07 A2 00 00 00 01 A1 00 00 00 00 81 81",
-         ZELCDBErrorSBPDeserializeInputMalformed,
-         {"array 7 A1", "struct 0 0", "end 0"}},
-        {"structure holding an empty structure",
-         "00 00 00 01 A1 00 00 00 01 00 00 00 02 A1 00 00 00 00 81 81",
-         ZELCDBErrorSBPDeserializeInputTruncated,
-         {"struct 1 1", "struct 2 0", "end 2"}},
-        {"structure holding an empty array",
-         "00 00 00 01 A1 00 00 00 01 00 00 00 02 A0 85 00 00 00 00 81",
-         ZELCDBErrorSBPDeserializeInputTruncated,
-         {"struct 1 1", "array 2 85", "end 2"}},
-        {"top-level empty structure",
-         "00 00 00 01 A1 00 00 00 00 81",
-         ZELCDBErrorNone,
-         {"struct 1 0", "end 1"}},
-        {"top-level empty array of structures",
-         "00 00 00 01 A2 00 00 00 00 81",
-         ZELCDBErrorNone,
-         {"array 1 A1", "end 1"}},
+        // takes the next end byte for another element's header.
+        {"00000007 A2 00000001 A1 00000000 81 81", kMalformed, "A7:A1 S0:0 E0"},
+        {"00000001 A1 00000001 00000002 A1 00000000 81 81", kTruncated, "S1:1 S2:0 E2"},
+        {"00000001 A1 00000001 00000002 A0 85 00000000 81", kTruncated, "S1:1 A2:85 E2"},
+        {"00000001 A1 00000000 81", kOk, "S1:0 E1"},
+        {"00000001 A2 00000000 81", kOk, "A1:A1 E1"},
         // Input that stops between values inside an open container is not an error.
-        {"structure cut between members",
-         "00 00 00 01 A1 00 00 00 03 00 00 00 02 83 05",
-         ZELCDBErrorNone,
-         {"struct 1 3", "byte 2 5"}},
-        {"nested non-empty containers count once",
-         "00 00 00 01 A1 00 00 00 02"
-         " 00 00 00 02 A0 82 00 00 00 01 05"
-         " 00 00 00 03 A2 00 00 00 01 A1 00 00 00 01 00 00 00 04 83 FF 81 81"
-         " 81",
-         ZELCDBErrorNone,
-         {"struct 1 2", "array 2 82", "bool 0 1", "end 2", "array 3 A1", "struct 0 1", "byte 4 -1",
-          "end 0", "end 3", "end 1"}},
-        {"array of structures without the 0xA1 marker",
-         "00 00 00 07 A2 00 00 00 01 A0",
-         ZELCDBErrorSBPDeserializeInputMalformed,
-         {"array 7 A1"}},
-        {"array of structures missing its end byte",
-         "00 00 00 07 A2 00 00 00 01 A1 00 00 00 01 00 00 00 01 82 00 81 00",
-         ZELCDBErrorSBPDeserializeInputMalformed,
-         {"array 7 A1", "struct 0 1", "bool 1 0", "end 0"}},
-        {"scalar widths and signs",
-         "00 00 00 00 A1 00 00 00 05"
-         " 00 00 00 01 83 80 00 00 00 02 84 80 00 00 00 00 03 85 FF FF FF FE"
-         " 00 00 00 04 86 80 00 00 00 00 00 00 01 00 00 00 05 82 7F 81",
-         ZELCDBErrorNone,
-         {"struct 0 5", "byte 1 -128", "short 2 -32768", "int 3 -2", "long 4 -9223372036854775807",
-          "bool 5 1", "end 0"}},
-        {"float and double patterns",
-         "00 00 00 00 A0 87 00 00 00 04 3F 80 00 00 80 00 00 00 7F 80 00 00 00 00 00 01",
-         ZELCDBErrorNone,
-         {"array 0 87", "float 0 3F800000", "float 0 80000000", "float 0 7F800000",
-          "float 0 00000001", "end 0"}},
+        {"00000001 A1 00000003 00000002 83 05", kOk, "S1:3 y2:5"},
+        {"00000001 A1 00000002 00000002 A0 82 00000001 05"
+         " 00000003 A2 00000001 A1 00000001 00000004 83 FF 81 81 81",
+         kOk, "S1:2 A2:82 z0:1 E2 A3:A1 S0:1 y4:-1 E0 E3 E1"},
+        {"00000007 A2 00000001 A0", kMalformed, "A7:A1"},
+        {"00000007 A2 00000001 A1 00000001 00000001 82 00 81 00", kMalformed, "A7:A1 S0:1 z1:0 E0"},
+        {"00000007 A0 83 00000001 05", kMalformed, ""},
+        {"00000000 A1 00000005 00000001 83 80 00000002 84 8000 00000003 85 FFFFFFFE"
+         " 00000004 86 8000000000000001 00000005 82 7F 81",
+         kOk, "S0:5 y1:-128 h2:-32768 i3:-2 l4:-9223372036854775807 z5:1 E0"},
         // NaN payloads are dropped; the sign stays.
-        {"NaNs",
-         "00 00 00 00 A0 88 00 00 00 02 FF F0 00 00 00 00 00 01 7F F0 00 00 00 00 12 34",
-         ZELCDBErrorNone,
-         {"array 0 88", "double 0 FFF8000000000000", "double 0 7FF8000000000000", "end 0"}},
-        {"bytes", "00 00 00 03 90 00 00 00 02 AB CD", ZELCDBErrorNone, {"bytes 3 AB CD"}},
-        {"bytes past the input",
-         "00 00 00 03 90 00 00 00 03 AB CD",
-         ZELCDBErrorSBPDeserializeInputTruncated,
-         {}},
-        {"bytes with a length that would wrap",
-         "00 00 00 03 90 FF FF FF FF AB CD",
-         ZELCDBErrorSBPDeserializeInputTruncated,
-         {}},
-        {"string past the input",
-         "00 00 00 03 91 00 00 00 02 00 41 00",
-         ZELCDBErrorSBPDeserializeInputTruncated,
-         {}},
-        {"string of four billion units",
-         "00 00 00 03 91 FF FF FF FF 00 41",
-         ZELCDBErrorSBPDeserializeInputTruncated,
-         {}},
-    };
-    expectTraces(std::begin(cases), std::end(cases), false);
+        {"00000000 A0 87 00000006 3F800000 80000000 7F800000 00000001 7F800001 FF812345", kOk,
+         "A0:87 f0:3F800000 f0:80000000 f0:7F800000 f0:00000001 f0:7FC00000 f0:FFC00000 E0"},
+        {"00000000 A0 88 00000002 FFF0000000000001 7FF0000000001234", kOk,
+         "A0:88 d0:FFF8000000000000 d0:7FF8000000000000 E0"},
+        {"00000003 90 00000002 ABCD", kOk, "x3:ABCD"},
+        {"00000003 90 00000003 ABCD", kTruncated, ""},
+        {"00000003 90 FFFFFFFF ABCD", kTruncated, ""},
+        {"00000003 91 00000002 0041 00", kTruncated, ""},
+        {"00000003 91 FFFFFFFF 0041", kTruncated, ""},
+        // A value list's count only tells an empty list from a non-empty one, and a list
+        // takes values until the input ends.
+        {"00000000", kOk, "", true},
+        {"00000000 FFFF", kOk, "", true},
+        {"000000", kTruncated, "", true},
+        {"00000002 00000001 82 01 00000002 83 02", kOk, "z1:1 y2:2", true},
+        {"00000001 00000001 82 01 00000002 83 02 00000003 A1 00000000 81", kOk, "z1:1 y2:2 S3:0 E3",
+         true},
+        {"00000005 00000001 82 01", kOk, "z1:1", true},
+        {"00000001 00000001 85 00", kTruncated, "", true},
+    });
 }
 
-TEST(DeserializerTest, ValueListTraces) {
-    const TraceCase cases[] = {
-        {"empty list", "00 00 00 00", ZELCDBErrorNone, {}},
-        {"empty list ignores what follows", "00 00 00 00 FF FF", ZELCDBErrorNone, {}},
-        {"count cut short", "00 00 00", ZELCDBErrorSBPDeserializeInputTruncated, {}},
-        {"two values",
-         "00 00 00 02 00 00 00 01 82 01 00 00 00 02 83 02",
-         ZELCDBErrorNone,
-         {"bool 1 1", "byte 2 2"}},
-        // The count only tells an empty list from a non-empty one.
-        {"count of one, three values",
-         "00 00 00 01 00 00 00 01 82 01 00 00 00 02 83 02 00 00 00 03 A1 00 00 00 00 81",
-         ZELCDBErrorNone,
-         {"bool 1 1", "byte 2 2", "struct 3 0", "end 3"}},
-        {"count of five, one value",
-         "00 00 00 05 00 00 00 01 82 01",
-         ZELCDBErrorNone,
-         {"bool 1 1"}},
-        {"value cut short",
-         "00 00 00 01 00 00 00 01 85 00",
-         ZELCDBErrorSBPDeserializeInputTruncated,
-         {}},
-    };
-    expectTraces(std::begin(cases), std::end(cases), true);
-}
-
-TEST(DeserializerTest, UnknownTypeBytesAreMalformed) {
-    for (int type : {0x00, 0x7F, 0x80, 0x81, 0x89, 0x8F, 0x92, 0x9F, 0xA3, 0xFF}) {
-        SCOPED_TRACE(type);
-        Recorder r;
-        Bytes input = parseHex("00 00 00 01 00 00 00 00 00 00 00 00");
-        input[4] = static_cast<uint8_t>(type);
-        EXPECT_EQ(r.deserialize(input), ZELCDBErrorSBPDeserializeInputMalformed);
-        EXPECT_TRUE(r.events.empty());
-    }
-}
-
-TEST(DeserializerTest, ScalarArraysRefuseTheWritersRefusedTypes) {
-    for (int type : {0x83, 0x90, 0x91, 0x81, 0x89, 0xA0, 0xA1, 0xA2}) {
-        SCOPED_TRACE(type);
-        Recorder r;
-        Bytes input = parseHex("00 00 00 07 A0 83 00 00 00 01 05");
-        input[5] = static_cast<uint8_t>(type);
-        EXPECT_EQ(r.deserialize(input), ZELCDBErrorSBPDeserializeInputMalformed);
-        EXPECT_TRUE(r.events.empty());
-    }
-}
-
-TEST(DeserializerTest, BytesArePassedInPlace) {
+TEST(DeserializerTest, UnknownTypesAndElementTypesNoArrayHoldsAreMalformed) {
     Recorder r;
-    Bytes input = parseHex("00 00 00 03 90 00 00 00 02 AB CD");
-    ASSERT_EQ(r.deserialize(input), ZELCDBErrorNone);
-    EXPECT_EQ(r.lastBytes, input.data() + 9);
+    for (int type : {0x00, 0x7F, 0x80, 0x81, 0x89, 0x8F, 0x92, 0x9F, 0xA3, 0xFF}) {
+        Bytes input = parseHex("00000001" + hexWord(type, 2) + "0000000000000000");
+        EXPECT_EQ(r.deserialize(input), kMalformed) << type;
+    }
+    for (int type : {0x83, 0x90, 0x91, 0x81, 0x89, 0xA0, 0xA1, 0xA2}) {
+        Bytes input = parseHex("00000007 A0" + hexWord(type, 2) + "00000001 05");
+        EXPECT_EQ(r.deserialize(input), kMalformed) << type;
+    }
+    EXPECT_EQ(r.events, 0u);
 }
 
 TEST(DeserializerTest, MissingCallbackIsReportedBeforeThePayloadIsRead) {
-    struct Case {
-        const char* name;
-        size_t slot;        // index of the callback left null
-        const char* input;  // header only, or with a short payload
-        Events events;      // made before the failure
-    };
-    const Case cases[] = {
-        {"boolean", 0, "00 00 00 01 82", {}},
-        {"byte", 1, "00 00 00 01 83", {}},
-        {"short", 2, "00 00 00 01 84 00", {}},
-        {"int", 3, "00 00 00 01 85", {}},
-        {"long", 4, "00 00 00 01 86 00 00", {}},
-        {"float", 5, "00 00 00 01 87", {}},
-        {"double", 6, "00 00 00 01 88", {}},
-        {"bytes", 7, "00 00 00 01 90 FF FF", {}},
-        {"string", 8, "00 00 00 01 91", {}},
-        {"structure begin", 9, "00 00 00 01 A1", {}},
-        {"structure needs end too", 11, "00 00 00 01 A1", {}},
-        {"array begin", 10, "00 00 00 01 A0", {}},
-        {"scalar array needs end too", 11, "00 00 00 01 A0", {}},
-        {"array of structures needs end too", 11, "00 00 00 01 A2", {}},
-        {"element type met inside an array", 2, "00 00 00 01 A0 84 00 00 00 02 00", {"array 1 84"}},
-        {"structure element inside an array of structures",
-         9,
-         "00 00 00 01 A2 00 00 00 01 A1",
-         {"array 1 A1"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        ZELSBPDeserializerCallbacks callbacks = Recorder::kAll;
-        reinterpret_cast<void**>(&callbacks)[c.slot] = nullptr;
-        Recorder r(sizeof callbacks, &callbacks);
-        EXPECT_EQ(r.deserialize(parseHex(c.input)),
-                  ZELCDBErrorSBPDeserializeCallbackNotImplemented);
-        EXPECT_EQ(r.events, c.events);
-    }
+    // Header only, or with a short payload; the trace is what came before.
+    expectTraces({
+        {"00000001 82", kNoCallback, "", false, 0},
+        {"00000001 83", kNoCallback, "", false, 1},
+        {"00000001 84 00", kNoCallback, "", false, 2},
+        {"00000001 85", kNoCallback, "", false, 3},
+        {"00000001 86 0000", kNoCallback, "", false, 4},
+        {"00000001 87", kNoCallback, "", false, 5},
+        {"00000001 88", kNoCallback, "", false, 6},
+        {"00000001 90 FFFF", kNoCallback, "", false, 7},
+        {"00000001 91", kNoCallback, "", false, 8},
+        {"00000001 A1", kNoCallback, "", false, 9},
+        {"00000001 A1", kNoCallback, "", false, 11},  // a structure needs its end callback too
+        {"00000001 A0", kNoCallback, "", false, 10},
+        {"00000001 A0", kNoCallback, "", false, 11},
+        {"00000001 A2", kNoCallback, "", false, 11},
+        {"00000001 A0 84 00000002 00", kNoCallback, "A1:84", false, 2},
+        {"00000001 A2 00000001 A1", kNoCallback, "A1:A1", false, 9},
+    });
 }
 
 TEST(DeserializerTest, ShortCallbackTablesLeaveTheRestNull) {
-    // Only boolean to int are covered.
-    Recorder partial(4 * sizeof(void (*)()));
-    EXPECT_EQ(partial.deserialize(parseHex("00 00 00 01 85 00 00 00 05")), ZELCDBErrorNone);
-    EXPECT_EQ(partial.deserialize(parseHex("00 00 00 01 86 00 00 00 00 00 00 00 05")),
-              ZELCDBErrorSBPDeserializeCallbackNotImplemented);
+    Recorder partial(4 * sizeof(void (*)()));  // boolean to int
+    EXPECT_EQ(partial.deserialize(parseHex("00000001 85 00000005")), kOk);
+    EXPECT_EQ(partial.deserialize(parseHex("00000001 86 0000000000000005")), kNoCallback);
     Recorder none(sizeof(ZELSBPDeserializerCallbacks), nullptr);
-    EXPECT_EQ(none.deserialize(parseHex("00 00 00 01 82 01")),
-              ZELCDBErrorSBPDeserializeCallbackNotImplemented);
+    EXPECT_EQ(none.deserialize(parseHex("00000001 82 01")), kNoCallback);
     // A size beyond the table copies the table only.
     Recorder large(4096);
-    EXPECT_EQ(large.deserialize(parseHex("00 00 00 01 82 01")), ZELCDBErrorNone);
+    EXPECT_EQ(large.deserialize(parseHex("00000001 82 01")), kOk);
 }
 
 TEST(DeserializerTest, ArgumentChecksAndTheirOrder) {
     Recorder r;
     const uint8_t byte = 0;
-    EXPECT_EQ(api().deserializerDeserialize(nullptr, nullptr, &byte, 1),
-              ZELCDBErrorInvalidParameter);
-    EXPECT_EQ(api().deserializerDeserialize(r.get(), nullptr, &byte, 0),
-              ZELCDBErrorSBPDeserializeInputTruncated);
-    EXPECT_EQ(api().deserializerDeserialize(r.get(), nullptr, nullptr, 0),
-              ZELCDBErrorSBPDeserializeInputTruncated);
-    EXPECT_EQ(api().deserializerDeserialize(r.get(), nullptr, nullptr, 4),
-              ZELCDBErrorInvalidParameter);
-    EXPECT_EQ(api().deserializerDeserializeValueList(nullptr, nullptr, &byte, 1),
-              ZELCDBErrorInvalidParameter);
-    EXPECT_EQ(api().deserializerDeserializeValueList(r.get(), nullptr, &byte, 0),
-              ZELCDBErrorSBPDeserializeInputTruncated);
-    EXPECT_EQ(api().deserializerDeserializeValueList(r.get(), nullptr, nullptr, 4),
-              ZELCDBErrorInvalidParameter);
-    EXPECT_TRUE(r.events.empty());
-
+    for (auto entry : {api().deserializerDeserialize, api().deserializerDeserializeValueList}) {
+        EXPECT_EQ(entry(nullptr, nullptr, &byte, 1), ZELCDBErrorInvalidParameter);
+        EXPECT_EQ(entry(r.get(), nullptr, &byte, 0), kTruncated);
+        EXPECT_EQ(entry(r.get(), nullptr, nullptr, 0), kTruncated);
+        EXPECT_EQ(entry(r.get(), nullptr, nullptr, 4), ZELCDBErrorInvalidParameter);
+    }
+    EXPECT_EQ(r.events, 0u);
     EXPECT_EQ(api().deserializerCreate(nullptr, nullptr, &Recorder::kAll, sizeof Recorder::kAll),
               ZELCDBErrorInvalidParameter);
     EXPECT_EQ(api().deserializerDestroy(nullptr), ZELCDBErrorInvalidParameter);
@@ -275,92 +150,62 @@ TEST(DeserializerTest, ArgumentChecksAndTheirOrder) {
     EXPECT_EQ(api().deserializerGetContext(r.get()), &r);
 }
 
-TEST(DeserializerTest, CreateReportsOutOfMemoryWithANullHandle) {
+TEST(DeserializerTest, AllocationFailures) {
     ZELSBPDeserializer* h = reinterpret_cast<ZELSBPDeserializer*>(8);
-    {
-        zeltest::FailNthAllocation failure(1);
-        EXPECT_EQ(api().deserializerCreate(&h, nullptr, nullptr, 0), ZELCDBErrorOutOfMemory);
-        EXPECT_TRUE(failure.triggered());
-    }
+    Recorder r;
+    Bytes text = parseHex("00000001 91 00000001 0041");
+    zeltest::FailNthAllocation failure(1);
+    EXPECT_EQ(api().deserializerCreate(&h, nullptr, nullptr, 0), ZELCDBErrorOutOfMemory);
     EXPECT_EQ(h, nullptr);
+    // The text buffer of a first string.
+    zeltest::FailNthAllocation again(1);
+    EXPECT_EQ(r.deserialize(text), ZELCDBErrorOutOfMemory);
+    EXPECT_TRUE(again.triggered());
+    EXPECT_EQ(r.events, 0u);
 }
 
-TEST(DeserializerTest, RepeatedWalksAllocateNothing) {
+TEST(DeserializerTest, BytesArePassedInPlaceAndRepeatedWalksAllocateNothing) {
     Bytes input = parseHex(
-        "00 00 00 01 A1 00 00 00 03"
-        " 00 00 00 02 91 00 00 00 03 00 41 00 E9 20 AC"
-        " 00 00 00 03 A2 00 00 00 01 A1 00 00 00 01 00 00 00 04 A0 85 00 00 00 02"
-        " 00 00 00 01 00 00 00 02 81 81"
-        " 00 00 00 05 88 3F F0 00 00 00 00 00 00 81");
-    ZELSBPDeserializer* h = nullptr;
-    int calls = 0;
-    ZELSBPDeserializerCallbacks counting{};
-    counting.intCallback = [](ZELSBPDeserializer*, void* c, void*, uint32_t, int32_t) {
-        ++*static_cast<int*>(c);
-    };
-    counting.doubleCallback = [](ZELSBPDeserializer*, void* c, void*, uint32_t, double) {
-        ++*static_cast<int*>(c);
-    };
-    counting.stringCallback = [](ZELSBPDeserializer*, void* c, void*, uint32_t, const char*) {
-        ++*static_cast<int*>(c);
-    };
-    counting.structureBeginCallback = [](ZELSBPDeserializer*, void*, void*, uint32_t, uint32_t) {};
-    counting.arrayBeginCallback = [](ZELSBPDeserializer*, void*, void*, uint32_t, uint8_t) {};
-    counting.endCallback = [](ZELSBPDeserializer*, void*, void*, uint32_t) {};
-    ASSERT_EQ(api().deserializerCreate(&h, &calls, &counting, sizeof counting), ZELCDBErrorNone);
-    ASSERT_EQ(api().deserializerDeserialize(h, nullptr, input.data(),
-                                            static_cast<uint32_t>(input.size())),
-              ZELCDBErrorNone);
+        "00000001 A1 00000004 00000006 90 00000001 AB 00000002 91 00000003 0041 00E9 20AC"
+        " 00000003 A2 00000001 A1 00000001 00000004 A0 85 00000002 00000001 00000002 81 81"
+        " 00000005 88 3FF0000000000000 81");
+    Recorder r;
+    ASSERT_EQ(r.deserialize(input), kOk);
+    EXPECT_EQ(r.lastBytes, input.data() + 18);
+    r.quiet = true;
+    r.events = 0;
     ZELCDBError second;
     bool allocated;
     {
         zeltest::FailNthAllocation failure(1);
-        second = api().deserializerDeserialize(h, nullptr, input.data(),
-                                               static_cast<uint32_t>(input.size()));
+        second = r.deserialize(input);
         allocated = failure.triggered();
     }
-    EXPECT_EQ(second, ZELCDBErrorNone);
+    EXPECT_EQ(second, kOk);
     EXPECT_FALSE(allocated);
-    EXPECT_EQ(calls, 8);
-    api().deserializerDestroy(h);
-}
-
-TEST(DeserializerTest, FailedStringBufferIsOutOfMemory) {
-    Recorder r;
-    Bytes input = parseHex("00 00 00 01 91 00 00 00 01 00 41");
-    ZELCDBError result;
-    {
-        zeltest::FailNthAllocation failure(1);
-        result = r.deserialize(input);
-    }
-    EXPECT_EQ(result, ZELCDBErrorOutOfMemory);
-    EXPECT_TRUE(r.events.empty());
+    EXPECT_EQ(r.events, 13u);
 }
 
 TEST(DeserializerTest, CallbacksMayWalkAgainOnTheSameDeserializer) {
-    Recorder r;
     // Inside the outer string's callback, walk a payload with a longer string and its own
     // nesting on the same deserializer: the outer text and nesting must survive it.
-    r.afterString = [](Recorder& self) {
-        self.afterString = nullptr;
+    Recorder r;
+    r.inString = [](Recorder& self) {
+        self.inString = nullptr;
         const char* outerText = self.lastText;
-        std::string units;
-        for (int i = 0; i < 64; ++i) units += " 00 7A";
-        Bytes inner = parseHex(
-            ("00 00 00 09 A1 00 00 00 01 00 00 00 0A 91 00 00 00 40" + units + " 81").c_str());
-        size_t before = self.events.size();
-        EXPECT_EQ(api().deserializerDeserialize(self.get(), nullptr, inner.data(),
-                                                static_cast<uint32_t>(inner.size())),
-                  ZELCDBErrorNone);
-        EXPECT_EQ(self.events.size() - before, 3u);
-        self.events.resize(before);
+        std::string outerTrace = self.trace, units, text;
+        for (int i = 0; i < 64; ++i) units += "007A", text += "7A";
+        EXPECT_EQ(
+            self.deserialize(parseHex("00000009 A1 00000001 0000000A 91 00000040" + units + "81")),
+            kOk);
+        EXPECT_EQ(self.trace, "S9:1 s10:" + text + " E9");
         EXPECT_STREQ(outerText, "OK");
+        self.trace = outerTrace;
     };
-    ASSERT_EQ(r.deserialize(parseHex("00 00 00 01 A1 00 00 00 02"
-                                     " 00 00 00 02 91 00 00 00 02 00 4F 00 4B"
-                                     " 00 00 00 03 85 00 00 00 07 81")),
-              ZELCDBErrorNone);
-    EXPECT_EQ(r.events, (Events{"struct 1 2", "string 2 4F 4B", "int 3 7", "end 1"}));
+    ASSERT_EQ(r.deserialize(parseHex("00000001 A1 00000002 00000002 91 00000002 004F 004B"
+                                     " 00000003 85 00000007 81")),
+              kOk);
+    EXPECT_EQ(r.trace, "S1:2 s2:4F4B i3:7 E1");
 }
 
 }  // namespace
