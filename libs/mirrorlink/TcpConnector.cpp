@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "mirrorlink/CDBUrl.h"
 #include "plat/Exception.h"
@@ -67,12 +66,7 @@ bool TcpConnector::acceptPeer() {
     SocketAddress address;
     if (int err = socket_.accept(&peer, &address)) {
         char buffer[128];
-#if defined(__GLIBC__) && defined(_GNU_SOURCE)
-        const char* description = strerror_r(err, buffer, sizeof buffer);
-#else
-        const char* description =
-            strerror_r(err, buffer, sizeof buffer) == 0 ? buffer : "Unknown error";
-#endif
+        const char* description = plat::errorDescription(err, buffer, sizeof buffer);
         log_.warning("accept() failed: error %d: %s", err, description);
         return false;
     }

@@ -5,9 +5,23 @@
 
 namespace plat {
 
-Exception::Exception(const char* message) { setMessage(message); }
+const char* errorDescription(int err, char* buffer, size_t size) {
+    // The GNU and XSI strerror_r differ in their return type; use whichever this C library
+    // offers.
+#if defined(__GLIBC__) && defined(_GNU_SOURCE)
+    return strerror_r(err, buffer, size);
+#else
+    return strerror_r(err, buffer, size) == 0 ? buffer : "Unknown error";
+#endif
+}
 
-Exception::Exception(const char* format, va_list args) { setMessageV(format, args); }
+Exception::Exception(const char* message) {
+    setMessage(message);
+}
+
+Exception::Exception(const char* format, va_list args) {
+    setMessageV(format, args);
+}
 
 Exception::~Exception() = default;
 
@@ -28,17 +42,13 @@ ExceptionFmt::ExceptionFmt(const char* format, ...) {
     va_end(args);
 }
 
-SystemException::SystemException(const char* text, int err) : err_(err) { build(text); }
+SystemException::SystemException(const char* text, int err) : err_(err) {
+    build(text);
+}
 
 void SystemException::build(const char* text) {
     char buffer[128];
-    // strerror is not thread-safe; the GNU and XSI strerror_r differ in their return type,
-    // so pick whichever this C library offers.
-#if defined(__GLIBC__) && defined(_GNU_SOURCE)
-    const char* description = strerror_r(err_, buffer, sizeof buffer);
-#else
-    const char* description = strerror_r(err_, buffer, sizeof buffer) == 0 ? buffer : "Unknown error";
-#endif
+    const char* description = errorDescription(err_, buffer, sizeof buffer);
     char text_copy[kMaxLength + 1];
     if (std::snprintf(text_copy, sizeof text_copy, "%s", text ? text : "") < 0) text_copy[0] = '\0';
     // Cutting at the buffer's end is intended; the result is looked at only to say so.

@@ -1,8 +1,13 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
 
 namespace plat {
+
+// The system's description of an error number (thread-safe strerror), written into buffer
+// when the C library needs room for it. Never null.
+const char* errorDescription(int err, char* buffer, size_t size);
 
 // Base of every failure raised inside the library. The message lives in a fixed buffer so
 // that throwing never needs the heap; longer texts are cut at kMaxLength characters.
