@@ -99,7 +99,8 @@ int main(int argc, char **argv) {
         fprintf(stderr, "cannot load %s: %s\n", path, dlerror());
         return 1;
     }
-    ZELCDBSDKInitializeFn *initialize = (ZELCDBSDKInitializeFn *)dlsym(library, "ZELCDBSDKInitialize");
+    ZELCDBSDKInitializeFn *initialize =
+        (ZELCDBSDKInitializeFn *)dlsym(library, "ZELCDBSDKInitialize");
     if (!initialize) {
         fprintf(stderr, "no ZELCDBSDKInitialize in %s\n", path);
         return 1;

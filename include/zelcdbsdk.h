@@ -40,29 +40,29 @@ extern "C" {
 
 /* The one table of error codes: X(name, value). The constants below, the name function
  * and the tests are all generated from it. */
-#define ZELCDB_ERROR_MAP(X)                     \
-    X(None, 0)                                  \
-    X(Failed, 1)                                \
-    X(InvalidParameter, 2)                      \
-    X(OutOfMemory, 3)                           \
-    X(UnsupportedVersion, 4)                    \
-    X(NetworkError, 5)                          \
-    X(IllegalWhileRunning, 6)                   \
-    X(IllegalWhileNotRunning, 7)                \
-    X(NotFound, 10)                             \
-    X(InvalidProtocol, 11)                      \
-    X(Timeout, 12)                              \
-    X(LocalSBPError, 13)                        \
-    X(RemoteSBPError, 14)                       \
-    X(InvalidSBPPacket, 15)                     \
-    X(SBPSerializeIncomplete, 100)              \
-    X(SBPSerializeComplete, 101)                \
-    X(SBPSerializeUnexpectedEnd, 102)           \
-    X(SBPSerializeUnexpectedUID, 103)           \
-    X(SBPSerializeUnexpectedType, 104)          \
+#define ZELCDB_ERROR_MAP(X)                      \
+    X(None, 0)                                   \
+    X(Failed, 1)                                 \
+    X(InvalidParameter, 2)                       \
+    X(OutOfMemory, 3)                            \
+    X(UnsupportedVersion, 4)                     \
+    X(NetworkError, 5)                           \
+    X(IllegalWhileRunning, 6)                    \
+    X(IllegalWhileNotRunning, 7)                 \
+    X(NotFound, 10)                              \
+    X(InvalidProtocol, 11)                       \
+    X(Timeout, 12)                               \
+    X(LocalSBPError, 13)                         \
+    X(RemoteSBPError, 14)                        \
+    X(InvalidSBPPacket, 15)                      \
+    X(SBPSerializeIncomplete, 100)               \
+    X(SBPSerializeComplete, 101)                 \
+    X(SBPSerializeUnexpectedEnd, 102)            \
+    X(SBPSerializeUnexpectedUID, 103)            \
+    X(SBPSerializeUnexpectedType, 104)           \
     X(SBPDeserializeCallbackNotImplemented, 200) \
-    X(SBPDeserializeInputTruncated, 201)        \
-    X(SBPDeserializeInputTooLong, 202)          \
+    X(SBPDeserializeInputTruncated, 201)         \
+    X(SBPDeserializeInputTooLong, 202)           \
     X(SBPDeserializeInputMalformed, 203)
 
 typedef int32_t ZELCDBError;
@@ -108,19 +108,21 @@ typedef struct {
 
 typedef struct {
     /* Every log line of the endpoint; category names the component ("CDBEndpoint", ...). */
-    void (*logCallback)(ZELCDBEndpoint *endpoint, void *context, const char *category, int32_t level,
-                        const char *text);
+    void (*logCallback)(ZELCDBEndpoint *endpoint, void *context, const char *category,
+                        int32_t level, const char *text);
     /* ZELCDBStatusStarted / Connected with error 0; ZELCDBStatusStopping with the error that
      * ended the endpoint thread (0 for an orderly stop). */
-    void (*statusCallback)(ZELCDBEndpoint *endpoint, void *context, int32_t status, ZELCDBError error);
+    void (*statusCallback)(ZELCDBEndpoint *endpoint, void *context, int32_t status,
+                           ZELCDBError error);
     /* After every ServicesSupported: first the removed peer services, then the added ones,
      * both even when empty. services is NULL when serviceCount is 0. */
     void (*peerServicesAddedCallback)(ZELCDBEndpoint *endpoint, void *context, uint8_t versionMajor,
                                       uint8_t versionMinor, const ZELCDBService *services,
                                       uint32_t serviceSize, uint32_t serviceCount);
-    void (*peerServicesRemovedCallback)(ZELCDBEndpoint *endpoint, void *context, uint8_t versionMajor,
-                                        uint8_t versionMinor, const ZELCDBService *services,
-                                        uint32_t serviceSize, uint32_t serviceCount);
+    void (*peerServicesRemovedCallback)(ZELCDBEndpoint *endpoint, void *context,
+                                        uint8_t versionMajor, uint8_t versionMinor,
+                                        const ZELCDBService *services, uint32_t serviceSize,
+                                        uint32_t serviceCount);
     /* The peer did not answer our ServicesRequest within five seconds. */
     void (*servicesRequestTimeoutCallback)(ZELCDBEndpoint *endpoint, void *context);
 } ZELCDBEndpointCallbacks;
@@ -337,10 +339,9 @@ typedef ZELCDBError ZELSBPSourceSendSubscribeResponseFn(ZELCDBEndpoint *endpoint
                                                         uint16_t serviceId, void *requestContext,
                                                         uint32_t uid, uint32_t result);
 typedef ZELCDBError ZELSBPSourceSendServiceAuthChallengeFn(ZELCDBEndpoint *endpoint,
-                                                           uint16_t serviceId,
-                                                           void *requestContext, uint32_t command,
-                                                           uint32_t uid, const uint8_t *data,
-                                                           uint32_t size);
+                                                           uint16_t serviceId, void *requestContext,
+                                                           uint32_t command, uint32_t uid,
+                                                           const uint8_t *data, uint32_t size);
 typedef ZELCDBError ZELSBPSinkSendAliveFn(ZELCDBEndpoint *endpoint, uint16_t serviceId,
                                           void *requestContext, int32_t intervalSeconds);
 
@@ -353,54 +354,54 @@ typedef struct {
     uint32_t versionMinor;
     uint32_t versionPatch;
     uint32_t versionBuild;
-    ZELCDBSDKUninitializeFn *sdkUninitialize;                            /* slot 4 */
-    ZELCDBGetErrorNameFn *getErrorName;                                  /* slot 5 */
-    ZELCDBEndpointCreateFn *endpointCreate;                              /* slot 6 */
-    ZELCDBEndpointDestroyFn *endpointDestroy;                            /* slot 7 */
-    void *reserved8;                                                     /* never written */
-    ZELCDBEndpointAddSourceServiceFn *endpointAddSourceService;          /* slot 9 */
-    ZELCDBEndpointAddSinkFn *endpointAddSink;                            /* slot 10 */
-    ZELCDBEndpointStartFn *endpointStart;                                /* slot 11 */
-    ZELCDBEndpointStopFn *endpointStop;                                  /* slot 12 */
-    ZELCDBEndpointSendStartServiceFn *endpointSendStartService;          /* slot 13 */
-    ZELCDBEndpointSendStopServiceFn *endpointSendStopService;            /* slot 14 */
-    ZELCDBEndpointSendServicePayloadFn *endpointSendServicePayload;      /* slot 15 */
-    ZELCDBEndpointSendServiceResponseFn *endpointSendServiceResponse;    /* slot 16 */
-    ZELCDBEndpointGetContextFn *endpointGetContext;                      /* slot 17 */
-    ZELSBPSourceCreateFn *sourceCreate;                                  /* slot 18 */
-    ZELSBPSinkCreateFn *sinkCreate;                                      /* slot 19 */
-    ZELSBPHashNameFn *hashName;                                          /* slot 20 */
-    ZELSBPSerializerCreateFn *serializerCreate;                          /* slot 21 */
-    ZELSBPSerializerDestroyFn *serializerDestroy;                        /* slot 22 */
-    ZELSBPSerializerGetDataFn *serializerGetData;                        /* slot 23 */
-    ZELSBPSerializerAddBooleanFn *serializerAddBoolean;                  /* slot 24 */
-    ZELSBPSerializerAddByteFn *serializerAddByte;                        /* slot 25 */
-    ZELSBPSerializerAddShortFn *serializerAddShort;                      /* slot 26 */
-    ZELSBPSerializerAddIntFn *serializerAddInt;                          /* slot 27 */
-    ZELSBPSerializerAddLongFn *serializerAddLong;                        /* slot 28 */
-    ZELSBPSerializerAddFloatFn *serializerAddFloat;                      /* slot 29 */
-    ZELSBPSerializerAddDoubleFn *serializerAddDouble;                    /* slot 30 */
-    ZELSBPSerializerAddBytesFn *serializerAddBytes;                      /* slot 31 */
-    ZELSBPSerializerAddStringFn *serializerAddString;                    /* slot 32 */
-    ZELSBPSerializerBeginValueListFn *serializerBeginValueList;          /* slot 33 */
-    ZELSBPSerializerBeginStructureFn *serializerBeginStructure;          /* slot 34 */
-    ZELSBPSerializerBeginArrayFn *serializerBeginArray;                  /* slot 35 */
-    ZELSBPSerializerEndFn *serializerEnd;                                /* slot 36 */
-    ZELSBPDeserializerCreateFn *deserializerCreate;                      /* slot 37 */
-    ZELSBPDeserializerDestroyFn *deserializerDestroy;                    /* slot 38 */
-    ZELSBPDeserializerGetContextFn *deserializerGetContext;              /* slot 39 */
-    ZELSBPDeserializerDeserializeFn *deserializerDeserialize;            /* slot 40 */
+    ZELCDBSDKUninitializeFn *sdkUninitialize;                                   /* slot 4 */
+    ZELCDBGetErrorNameFn *getErrorName;                                         /* slot 5 */
+    ZELCDBEndpointCreateFn *endpointCreate;                                     /* slot 6 */
+    ZELCDBEndpointDestroyFn *endpointDestroy;                                   /* slot 7 */
+    void *reserved8;                                                            /* never written */
+    ZELCDBEndpointAddSourceServiceFn *endpointAddSourceService;                 /* slot 9 */
+    ZELCDBEndpointAddSinkFn *endpointAddSink;                                   /* slot 10 */
+    ZELCDBEndpointStartFn *endpointStart;                                       /* slot 11 */
+    ZELCDBEndpointStopFn *endpointStop;                                         /* slot 12 */
+    ZELCDBEndpointSendStartServiceFn *endpointSendStartService;                 /* slot 13 */
+    ZELCDBEndpointSendStopServiceFn *endpointSendStopService;                   /* slot 14 */
+    ZELCDBEndpointSendServicePayloadFn *endpointSendServicePayload;             /* slot 15 */
+    ZELCDBEndpointSendServiceResponseFn *endpointSendServiceResponse;           /* slot 16 */
+    ZELCDBEndpointGetContextFn *endpointGetContext;                             /* slot 17 */
+    ZELSBPSourceCreateFn *sourceCreate;                                         /* slot 18 */
+    ZELSBPSinkCreateFn *sinkCreate;                                             /* slot 19 */
+    ZELSBPHashNameFn *hashName;                                                 /* slot 20 */
+    ZELSBPSerializerCreateFn *serializerCreate;                                 /* slot 21 */
+    ZELSBPSerializerDestroyFn *serializerDestroy;                               /* slot 22 */
+    ZELSBPSerializerGetDataFn *serializerGetData;                               /* slot 23 */
+    ZELSBPSerializerAddBooleanFn *serializerAddBoolean;                         /* slot 24 */
+    ZELSBPSerializerAddByteFn *serializerAddByte;                               /* slot 25 */
+    ZELSBPSerializerAddShortFn *serializerAddShort;                             /* slot 26 */
+    ZELSBPSerializerAddIntFn *serializerAddInt;                                 /* slot 27 */
+    ZELSBPSerializerAddLongFn *serializerAddLong;                               /* slot 28 */
+    ZELSBPSerializerAddFloatFn *serializerAddFloat;                             /* slot 29 */
+    ZELSBPSerializerAddDoubleFn *serializerAddDouble;                           /* slot 30 */
+    ZELSBPSerializerAddBytesFn *serializerAddBytes;                             /* slot 31 */
+    ZELSBPSerializerAddStringFn *serializerAddString;                           /* slot 32 */
+    ZELSBPSerializerBeginValueListFn *serializerBeginValueList;                 /* slot 33 */
+    ZELSBPSerializerBeginStructureFn *serializerBeginStructure;                 /* slot 34 */
+    ZELSBPSerializerBeginArrayFn *serializerBeginArray;                         /* slot 35 */
+    ZELSBPSerializerEndFn *serializerEnd;                                       /* slot 36 */
+    ZELSBPDeserializerCreateFn *deserializerCreate;                             /* slot 37 */
+    ZELSBPDeserializerDestroyFn *deserializerDestroy;                           /* slot 38 */
+    ZELSBPDeserializerGetContextFn *deserializerGetContext;                     /* slot 39 */
+    ZELSBPDeserializerDeserializeFn *deserializerDeserialize;                   /* slot 40 */
     ZELSBPDeserializerDeserializeValueListFn *deserializerDeserializeValueList; /* slot 41 */
-    ZELSBPSinkSendGetFn *sinkSendGet;                                    /* slot 42 */
-    ZELSBPSinkSendSetFn *sinkSendSet;                                    /* slot 43 */
-    ZELSBPSinkSendSubscribeFn *sinkSendSubscribe;                        /* slot 44 */
-    ZELSBPSinkSendCancelFn *sinkSendCancel;                              /* slot 45 */
-    ZELSBPSinkSendServiceAuthResponseFn *sinkSendServiceAuthResponse;    /* slot 46 */
-    ZELSBPSourceSendGetResponseFn *sourceSendGetResponse;                /* slot 47 */
-    ZELSBPSourceSendSetResponseFn *sourceSendSetResponse;                /* slot 48 */
-    ZELSBPSourceSendSubscribeResponseFn *sourceSendSubscribeResponse;    /* slot 49 */
-    ZELSBPSourceSendServiceAuthChallengeFn *sourceSendServiceAuthChallenge; /* slot 50 */
-    ZELSBPSinkSendAliveFn *sinkSendAlive;                                /* slot 51 */
+    ZELSBPSinkSendGetFn *sinkSendGet;                                           /* slot 42 */
+    ZELSBPSinkSendSetFn *sinkSendSet;                                           /* slot 43 */
+    ZELSBPSinkSendSubscribeFn *sinkSendSubscribe;                               /* slot 44 */
+    ZELSBPSinkSendCancelFn *sinkSendCancel;                                     /* slot 45 */
+    ZELSBPSinkSendServiceAuthResponseFn *sinkSendServiceAuthResponse;           /* slot 46 */
+    ZELSBPSourceSendGetResponseFn *sourceSendGetResponse;                       /* slot 47 */
+    ZELSBPSourceSendSetResponseFn *sourceSendSetResponse;                       /* slot 48 */
+    ZELSBPSourceSendSubscribeResponseFn *sourceSendSubscribeResponse;           /* slot 49 */
+    ZELSBPSourceSendServiceAuthChallengeFn *sourceSendServiceAuthChallenge;     /* slot 50 */
+    ZELSBPSinkSendAliveFn *sinkSendAlive;                                       /* slot 51 */
 } ZELCDBSDK;
 
 /* Fills sdk with the version words (2, 7, 0, 2565) and every entry that lies wholly inside
@@ -429,7 +430,8 @@ ZELCDB_STATIC_ASSERT_(offsetof(ZELCDBSDK, reserved8) == 32, "slot 8 at 32");
 ZELCDB_STATIC_ASSERT_(offsetof(ZELCDBSDK, hashName) == 80, "slot 20 at 80");
 ZELCDB_STATIC_ASSERT_(offsetof(ZELCDBSDK, sinkSendAlive) == 204, "slot 51 at 204");
 ZELCDB_STATIC_ASSERT_(offsetof(ZELCDBEndpointParameters, versionMinor) +
-                              sizeof(((ZELCDBEndpointParameters *)0)->versionMinor) == 14,
+                              sizeof(((ZELCDBEndpointParameters *)0)->versionMinor) ==
+                          14,
                       "parameters read 14 bytes");
 ZELCDB_STATIC_ASSERT_(offsetof(ZELCDBEndpointParameters, context) == 8, "context at 8");
 ZELCDB_STATIC_ASSERT_(sizeof(ZELCDBService) == 20, "service record is 20 bytes");

@@ -7,7 +7,7 @@ set -euo pipefail
 need=()
 have() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
 want() { for p in "$@"; do have "$p" || need+=("$p"); done; }
-want cmake ninja-build g++ clang libgtest-dev libgmock-dev googletest libbenchmark-dev libclang-rt-14-dev
+want cmake ninja-build g++ clang clang-format libgtest-dev libgmock-dev googletest libbenchmark-dev libclang-rt-14-dev
 for extra in "$@"; do
   case "$extra" in
     arm) want g++-arm-linux-gnueabihf qemu-user ;;

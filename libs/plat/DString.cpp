@@ -7,7 +7,9 @@
 
 namespace plat {
 
-DString::~DString() { std::free(data_); }
+DString::~DString() {
+    std::free(data_);
+}
 
 void DString::clear() {
     length_ = 0;
