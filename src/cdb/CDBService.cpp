@@ -3,6 +3,9 @@
 namespace zelcdbsdk {
 
 CDBService::Handler::~Handler() = default;
+void CDBService::Handler::startService(CDBVersion) {}
+void CDBService::Handler::stopService() {}
+void CDBService::Handler::serviceResponse(uint16_t) {}
 
 CDBService::CDBService(uint16_t serviceId, CDBVersion serviceVersion, uint8_t attribute,
                        uint8_t access, const char* serviceName, Handler* serviceHandler)
