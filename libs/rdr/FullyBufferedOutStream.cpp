@@ -19,7 +19,7 @@ FullyBufferedOutStream::~FullyBufferedOutStream() {
 }
 
 size_t FullyBufferedOutStream::length() {
-    return static_cast<size_t>(ptr_ - buffer_) + offset_;
+    return offset_ + static_cast<size_t>(ptr_ - flushedPtr_);
 }
 
 size_t FullyBufferedOutStream::spaceAvailable() {
@@ -27,10 +27,23 @@ size_t FullyBufferedOutStream::spaceAvailable() {
 }
 
 size_t FullyBufferedOutStream::overrun(size_t itemSize, size_t nItems) {
+    // After a partial flush the bytes the sink took still sit in front of flushedPtr_.
+    // Copying them into a grown block and handing them over again would put them into the
+    // peer's stream twice, which no peer can make sense of; so their room is reclaimed
+    // first, and the buffer grows only for what the unsent bytes and the new item need.
+    discardFlushed();
     size_t all = itemSize != 0 && nItems > SIZE_MAX / itemSize ? SIZE_MAX : itemSize * nItems;
     if (grow(all)) return nItems;
     if (grow(itemSize)) return 1;
     throw MaxBufferSizeReached(maxSize_);
+}
+
+void FullyBufferedOutStream::discardFlushed() {
+    if (flushedPtr_ == buffer_) return;
+    size_t unsent = static_cast<size_t>(ptr_ - flushedPtr_);
+    if (unsent > 0) std::memmove(buffer_, flushedPtr_, unsent);
+    flushedPtr_ = buffer_;
+    ptr_ = buffer_ + unsent;
 }
 
 bool FullyBufferedOutStream::grow(size_t bytes) {
@@ -45,13 +58,13 @@ bool FullyBufferedOutStream::grow(size_t bytes) {
     uint8_t* block = new (std::nothrow) uint8_t[newCapacity];
     if (!block) return false;
     if (used > 0) std::memcpy(block, buffer_, used);
+    size_t unflushedAt = static_cast<size_t>(flushedPtr_ - buffer_);
     delete[] buffer_;
-    buffer_ = flushedPtr_ = block;
+    buffer_ = block;
+    flushedPtr_ = buffer_ + unflushedAt;
     capacity_ = newCapacity;
     ptr_ = buffer_ + used;
     end_ = buffer_ + capacity_;
-    // Established behaviour, kept on purpose: bytes that a partial flush already handed to
-    // the sink are in the new block before flushedPtr_ and get handed over again.
     return true;
 }
 

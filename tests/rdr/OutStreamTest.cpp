@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <random>
 #include <string>
 
 #include "plat/ThrownText.h"
@@ -151,19 +152,76 @@ TEST(FullyBufferedOutStream, FlushHandsOverWhatTheSinkTakesAndKeepsTheRest) {
     EXPECT_FALSE(out.hasUnflushedData());
 }
 
-// Kept on purpose: a regrow copies the whole block, so bytes a partial flush already handed
-// over are handed over again.
-TEST(FullyBufferedOutStream, RegrowAfterPartialFlushHandsTakenBytesOverAgain) {
-    RecordingStream out(4);
-    out.writeBytes("abcd", 4);
+TEST(FullyBufferedOutStream, BytesTheSinkTookAreNeverHandedOverAgain) {
+    RecordingStream out(16);
+    std::string first(16, 'a');
+    for (int i = 0; i < 16; ++i) first[i] = static_cast<char>('a' + i);
+    out.writeBytes(first.data(), first.size());
+    out.accept = {10, 0};
+    out.flushBuffer();
+    EXPECT_EQ(out.received, first.substr(0, 10));
+    out.writeU8('!');  // needs room: the ten bytes taken make it, no growth
+    EXPECT_EQ(out.capacity(), 16u);
+    EXPECT_EQ(out.length(), 17u);
+    out.flushBuffer();
+    EXPECT_EQ(out.received, first + "!");
+    EXPECT_EQ(out.length(), 17u);
+    // When the reclaimed room is not enough the buffer grows, still without repeats.
+    out.writeBytes(first.data(), 16);
     out.accept = {3, 0};
     out.flushBuffer();
-    EXPECT_EQ(out.received, "abc");
-    out.writeU8('e');
-    EXPECT_EQ(out.capacity(), 8u);
+    out.writeBytes("0123456789", 10);
+    EXPECT_EQ(out.capacity(), 32u);
+    EXPECT_EQ(out.spaceAvailable(), 32u - 23u);
     out.flushBuffer();
-    EXPECT_EQ(out.received, "abcabcde");
-    EXPECT_FALSE(out.hasUnflushedData());
+    EXPECT_EQ(out.received, first + "!" + first + "0123456789");
+    EXPECT_EQ(out.length(), 43u);
+}
+
+// A slow peer: the sink takes arbitrary amounts, writes of every kind come in between, and
+// whatever the sink took, concatenated, must be exactly what was written. spaceAvailable()
+// must be a promise: writing that much never grows the buffer.
+TEST(FullyBufferedOutStream, RandomSinkReceivesExactlyWhatWasWritten) {
+    for (unsigned seed = 1; seed <= 20; ++seed) {
+        SCOPED_TRACE(seed);
+        std::mt19937 random(seed);
+        auto upTo = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n)(random); };
+        RecordingStream out(16, 1 << 20);
+        std::string written;
+        for (int step = 0; step < 400; ++step) {
+            size_t room = out.spaceAvailable(), capacity = out.capacity();
+            std::string bytes(upTo(48), '\0');
+            for (char& c : bytes) c = static_cast<char>(random());
+            switch (upTo(3)) {
+                case 0:
+                    out.writeBytes(bytes.data(), bytes.size());
+                    break;
+                case 1:
+                    out.writeU8('x');
+                    bytes = "x";
+                    break;
+                case 2:
+                    out.writeU32(0x41424344);
+                    bytes = "ABCD";
+                    break;
+                default:
+                    out.accept = {upTo(40), upTo(40), upTo(40)};
+                    out.flushBuffer();
+                    out.accept.clear();
+                    bytes.clear();
+                    break;
+            }
+            written += bytes;
+            if (bytes.size() <= room) {
+                EXPECT_EQ(out.capacity(), capacity) << "step " << step;
+            }
+            ASSERT_EQ(out.length(), written.size()) << "step " << step;
+            ASSERT_EQ(out.received, written.substr(0, out.received.size())) << "step " << step;
+        }
+        out.flushBuffer();
+        EXPECT_EQ(out.received, written);
+        EXPECT_FALSE(out.hasUnflushedData());
+    }
 }
 
 }  // namespace
