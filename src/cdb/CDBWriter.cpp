@@ -1,7 +1,8 @@
 #include "cdb/CDBWriter.h"
 
+#include <cstdint>
+
 #include "cdb/CDBWire.h"
-#include "plat/Assert.h"
 
 namespace zelcdbsdk {
 
@@ -15,8 +16,11 @@ constexpr size_t kServiceEntryFixedLength = 7;
 CDBWriter::CDBWriter(rdr::OutStream& out, plat::Logger* logger)
     : out_(out), log_{"CDBWriter", logger} {}
 
+void CDBWriter::checkLength(size_t payloadLength) {
+    if (payloadLength > kMaxPayloadLength) throw MessageTooLong(payloadLength);
+}
+
 void CDBWriter::writeHeader(uint16_t type, size_t payloadLength) {
-    PLAT_ASSERT(payloadLength <= kMaxPayloadLength);
     out_.writeU16(type);
     out_.writeU16(static_cast<uint16_t>(payloadLength));
 }
@@ -31,11 +35,12 @@ void CDBWriter::sendServicesRequest(CDBVersion version) {
 
 void CDBWriter::sendServicesSupported(CDBVersion version, const CDBService* services,
                                       size_t count) {
-    log_.debug("Sending ServicesSupported (endpoint version %d.%d, %zu services)",
-               version.majorNumber, version.minorNumber, count);
     size_t length = 4;
     for (size_t i = 0; i < count; ++i)
         length += kServiceEntryFixedLength + services[i].nameLength();
+    checkLength(length);
+    log_.debug("Sending ServicesSupported (endpoint version %d.%d, %zu services)",
+               version.majorNumber, version.minorNumber, count);
     writeHeader(kCDBServicesSupported, length);
     out_.writeU8(version.majorNumber);
     out_.writeU8(version.minorNumber);
@@ -69,6 +74,7 @@ void CDBWriter::sendStopService(uint16_t serviceId) {
 
 void CDBWriter::sendServicePayload(uint16_t serviceId, uint8_t accessControl, const void* data,
                                    size_t length) {
+    checkLength(length <= SIZE_MAX - 3 ? 3 + length : SIZE_MAX);
     log_.debug("Sending ServicePayload, service %d (0x%04x), length %d", serviceId, serviceId,
                static_cast<int>(length));
     writeHeader(kCDBServicePayload, 3 + length);

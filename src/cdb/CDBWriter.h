@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "cdb/CDBService.h"
+#include "plat/Exception.h"
 #include "plat/Logger.h"
 #include "rdr/OutStream.h"
 
@@ -15,6 +16,17 @@ namespace zelcdbsdk {
 // Endpoint thread only.
 class CDBWriter {
 public:
+    // "CDB message too long: <n> payload bytes, at most 65535": the payload length field is
+    // 16 bits. Thrown before anything is logged or written, so the stream holds whole
+    // messages only. Checking what the application registers or sends is the endpoint's
+    // business; this is the last line, so that no input can ever end the process.
+    class MessageTooLong : public plat::ExceptionFmt {
+    public:
+        explicit MessageTooLong(size_t payloadLength)
+            : plat::ExceptionFmt("CDB message too long: %zu payload bytes, at most 65535",
+                                 payloadLength) {}
+    };
+
     // The stream is not owned and must outlive the writer. logger null: the thread's current
     // logger.
     CDBWriter(rdr::OutStream& out, plat::Logger* logger);
@@ -22,12 +34,13 @@ public:
     CDBWriter& operator=(const CDBWriter&) = delete;
 
     void sendServicesRequest(CDBVersion version);
-    // Names must be at most 255 bytes and the whole message at most 65535 bytes; service
-    // registration guarantees both, so they are not checked again here.
+    // Names must be at most 255 bytes (service registration guarantees it). Throws
+    // MessageTooLong when the services do not fit one message.
     void sendServicesSupported(CDBVersion version, const CDBService* services, size_t count);
     void sendStartService(uint16_t serviceId, CDBVersion version);
     void sendStopService(uint16_t serviceId);
-    // length must leave the message within 65535 bytes (callers refuse more than 8100).
+    // Throws MessageTooLong when length leaves no room for the service id and access control
+    // byte in the 16-bit payload length (callers refuse more than 8100 bytes anyway).
     void sendServicePayload(uint16_t serviceId, uint8_t accessControl, const void* data,
                             size_t length);
     void sendPingResponse(uint16_t sequence);
@@ -36,7 +49,9 @@ public:
     void sendByeBye();
 
 private:
+    // The caller has checked payloadLength with checkLength() before logging.
     void writeHeader(uint16_t type, size_t payloadLength);
+    static void checkLength(size_t payloadLength);
 
     rdr::OutStream& out_;
     plat::LoggerRef log_;
