@@ -59,6 +59,11 @@ int ControlMessageQueue::QueuedMessageActionedSynchronously::waitForResult() {
 ControlMessageQueue::ControlMessageQueue(Servicer* servicer) : servicer_(servicer) {}
 
 ControlMessageQueue::~ControlMessageQueue() {
+    if (queueMutex_ && postersGone_) {
+        MutexLock lock(*queueMutex_);
+        while (syncPosters_ > 0) postersGone_->wait(*queueMutex_);
+    }
+    delete postersGone_;
     delete startCondition_;
     delete startMutex_;
     delete queueMutex_;
@@ -69,6 +74,7 @@ void ControlMessageQueue::createPrimitives(MutexFactory& factory) {
     queueMutex_ = factory.createMutex();
     startMutex_ = factory.createMutex();
     startCondition_ = factory.createCondition();
+    postersGone_ = factory.createCondition();
 }
 
 int ControlMessageQueue::getWakeupDescriptor() {
@@ -157,8 +163,20 @@ int ControlMessageQueue::postSynchronously(ControlMessage& message) {
     }
     QueuedMessageActionedSynchronously entry(message, *queueMutex_, *factory_);
     queue_.push_back(&entry);
+    // Counted so that a destructor discarding this entry does not delete the mutex before
+    // this thread has taken it back and let go of it.
+    ++syncPosters_;
     notify();
-    return entry.waitForResult();
+    int result = 0;
+    std::exception_ptr error;
+    try {
+        result = entry.waitForResult();
+    } catch (...) {
+        error = std::current_exception();
+    }
+    if (--syncPosters_ == 0) postersGone_->signal();
+    if (error) std::rethrow_exception(error);
+    return result;
 }
 
 void ControlMessageQueue::serviceMessages() {

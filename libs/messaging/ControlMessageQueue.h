@@ -21,9 +21,10 @@ class MutexFactory;
 // join() waits for the thread. Platform calls are behind the protected operations, which a
 // platform subclass (ControlMessageQueueUNIX) implements.
 //
-// Locks: queueMutex_ guards the state, the queue and the platform's thread record and
-// wake-up descriptors; startMutex_ guards startPending_. queueMutex_ is always taken before
-// startMutex_, never the other way round. No message is performed while queueMutex_ is held.
+// Locks: queueMutex_ guards the state, the queue, the count of waiting synchronous posters
+// and the platform's thread record and wake-up descriptors; startMutex_ guards startPending_.
+// queueMutex_ is always taken before startMutex_, never the other way round. No message is
+// performed while queueMutex_ is held.
 class ControlMessageQueue {
 public:
     // The object whose run() is the body of the servicing thread.
@@ -80,8 +81,10 @@ public:
 
     // The servicer is not owned and must outlive the servicing thread.
     explicit ControlMessageQueue(Servicer* servicer);
-    // Deletes the mutexes and the condition. A platform subclass's destructor first calls
-    // finish(false) and join(), so messages still queued are discarded, not performed.
+    // Waits until every synchronous poster has left postSynchronously() (it still needs the
+    // queue mutex to return), then deletes the mutexes and the conditions. A platform
+    // subclass's destructor first calls finish(false) and join(), so messages still queued
+    // are discarded, not performed, and their synchronous posters get 0.
     virtual ~ControlMessageQueue();
     ControlMessageQueue(const ControlMessageQueue&) = delete;
     ControlMessageQueue& operator=(const ControlMessageQueue&) = delete;
@@ -172,9 +175,11 @@ private:
     Mutex* queueMutex_ = nullptr;
     Mutex* startMutex_ = nullptr;
     Condition* startCondition_ = nullptr;  // signalled when a start-up is no longer pending
+    Condition* postersGone_ = nullptr;     // signalled when syncPosters_ drops to 0
     // State below is protected by queueMutex_.
     int state_ = kStopped;
     std::deque<QueuedMessage*> queue_;
+    int syncPosters_ = 0;  // posters between queueing their entry and returning
     // State below is protected by startMutex_.
     bool startPending_ = false;
 };

@@ -1,16 +1,23 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <new>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "FailingAllocator.h"
+#include "messaging/ConditionUNIX.h"
 #include "messaging/ControlMessageQueue.h"
 #include "messaging/ControlMessageQueueUNIX.h"
 #include "messaging/LoopServicer.h"
+#include "messaging/Mutex.h"
 #include "plat/Exception.h"
 
 namespace {
@@ -26,10 +33,36 @@ using messagingtest::LoopServicer;
 class ScriptedQueue : public ControlMessageQueueUNIX {
 public:
     using ControlMessageQueueUNIX::ControlMessageQueueUNIX;
-    ~ScriptedQueue() override { gate.bump(); }  // the base destructor joins the thread
+    ~ScriptedQueue() override {  // the base destructor joins the thread
+        gate.bump();
+        entryGate.bump();
+    }
     Counter inStartUp;
     Counter gate;  // the start-up goes on once this is bumped
     std::atomic<int> failuresLeft{0};
+    // With holdEntry set, a new thread waits for entryGate before its body takes the queue
+    // mutex: the gap in which nothing but the pending start keeps a second start() out.
+    std::atomic<bool> holdEntry{false};
+    Counter threadsCreated, entryGate;
+    Counter notified;  // wake-up bytes written, one per queued message
+    // When set (before the poster queues its entry), a synchronous poster that has been woken
+    // lets go of the queue mutex until *wakeGate is bumped, and bumps *rewoken once it holds
+    // the mutex again.
+    Counter* wakeGate = nullptr;
+    Counter* rewoken = nullptr;
+
+    void startThread() override {
+        if (!holdEntry) return ControlMessageQueueUNIX::startThread();
+        pthread_t thread;
+        if (int err = pthread_create(&thread, nullptr, heldEntry, this)) {
+            cancelStart();
+            throw plat::SystemException("pthread_create", err);
+        }
+    }
+    messaging::Condition* createCondition() override {
+        if (!wakeGate) return ControlMessageQueueUNIX::createCondition();
+        return new SlowWakeCondition(*wakeGate, *rewoken);
+    }
 
 protected:
     bool initialiseInThread() override {
@@ -43,6 +76,35 @@ protected:
             return false;
         }
         return ok;
+    }
+    void notify() override {
+        notified.bump();
+        ControlMessageQueueUNIX::notify();
+    }
+
+private:
+    class SlowWakeCondition : public messaging::ConditionUNIX {
+    public:
+        SlowWakeCondition(Counter& gate, Counter& rewoken) : gate_(gate), rewoken_(rewoken) {}
+        void wait(messaging::Mutex& mutex) override {
+            ConditionUNIX::wait(mutex);
+            mutex.unlock();
+            gate_.waitFor(1);
+            mutex.lock();
+            rewoken_.bump();
+        }
+
+    private:
+        Counter& gate_;
+        Counter& rewoken_;
+    };
+
+    static void* heldEntry(void* self) {
+        auto* queue = static_cast<ScriptedQueue*>(self);
+        queue->threadsCreated.bump();
+        queue->entryGate.waitFor(1);
+        queue->threadBody();
+        return nullptr;
     }
 };
 
@@ -197,15 +259,40 @@ TEST(ControlMessageQueue, MessagesQueuedWhenRunReturnsArePerformedAfterThePipeCl
     EXPECT_EQ(servicer.order, (std::vector<int>{0, 1, 2}));
     EXPECT_EQ(servicer.descriptors, (std::vector<int>{-1, -1, -1}));
     EXPECT_TRUE(servicer.onServicer);
+}
 
-    // Nobody calls join() now: the destructor must wait for the thread (a sanitizer reports
-    // a leaked or raced thread), whichever of the two finishes the queue first.
-    ReturningServicer racing;
-    auto unjoined = std::make_unique<ControlMessageQueueUNIX>(&racing);
-    racing.queue = unjoined.get();
-    ASSERT_TRUE(unjoined->start());
-    unjoined.reset();
-    EXPECT_LE(racing.order.size(), 3u);
+// run() posts one message, waits until the destructor has discarded it and stopped the
+// queue, then posts two more, which the stopped queue performs at once on this thread, and
+// returns.
+class LateServicer : public ControlMessageQueue::Servicer {
+public:
+    void run() override {
+        queue->postAsynchronously(new FnMessage([this] { return perform(0); }, &freed));
+        started.bump();
+        while (queue->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        for (int i = 1; i < 3; ++i) {
+            queue->postAsynchronously(new FnMessage([this, i] { return perform(i); }, &freed));
+        }
+    }
+    int perform(int i) {
+        order.push_back(i);
+        return 0;
+    }
+    ControlMessageQueue* queue = nullptr;
+    Counter started, freed;
+    std::vector<int> order;
+};
+
+// Nobody calls join(): the destructor itself must wait for a run() that is still going.
+TEST(ControlMessageQueue, DestructorWaitsForARunThatIsStillGoing) {
+    LateServicer servicer;
+    auto queue = std::make_unique<ControlMessageQueueUNIX>(&servicer);
+    servicer.queue = queue.get();
+    ASSERT_TRUE(queue->start());
+    ASSERT_TRUE(servicer.started.waitFor(1));
+    queue.reset();
+    EXPECT_EQ(servicer.freed.count(), 3);
+    EXPECT_EQ(servicer.order, (std::vector<int>{1, 2}));
 }
 
 // run() neither services nor returns until five messages have been freed, so messages pile
@@ -235,25 +322,31 @@ TEST(ControlMessageQueue, MessagesQueuedAtDestructionAreDiscardedAndFreed) {
     EXPECT_EQ(servicer.freed.count(), 5);
 }
 
+// The first thread exists but has not yet taken the queue mutex, so the queue does not
+// look running: only the pending start-up keeps the second start() from creating another
+// thread.
 TEST_F(RunningQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
+    queue.holdEntry = true;
+    queue.gate.bump();
     ASSERT_TRUE(queue.start());
-    ASSERT_TRUE(queue.inStartUp.waitFor(1));
+    ASSERT_TRUE(queue.threadsCreated.waitFor(1));
     std::atomic<bool> secondDone{false};
     bool secondStarted = true;
     std::thread second([&] {
         secondStarted = queue.start();
         secondDone = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_FALSE(secondDone);  // held in prepareStart while the first start-up is pending
-    queue.gate.bump();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(secondDone);
+    queue.entryGate.bump();
     second.join();
     // It waited for the first thread to be running, saw it, and started no second one.
     EXPECT_FALSE(secondStarted);
-    EXPECT_EQ(queue.inStartUp.count(), 1);
+    EXPECT_EQ(queue.threadsCreated.count(), 1);
     ASSERT_TRUE(servicer.started.waitFor(1));
     servicer.stop();
     queue.join();
+    EXPECT_EQ(servicer.started.count(), 1);
 }
 
 TEST_F(RunningQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
@@ -273,6 +366,183 @@ TEST_F(RunningQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
     servicer.stop();
     queue.join();
     EXPECT_EQ(queue.inStartUp.count(), 2);
+}
+
+// run() services nothing and returns once the queue has stopped.
+class IdleServicer : public ControlMessageQueue::Servicer {
+public:
+    void run() override {
+        started.bump();
+        while (queue->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ControlMessageQueue* queue = nullptr;
+    Counter started;
+};
+
+// The destructor discards the waiting poster's entry, which wakes the poster with 0; the
+// poster still needs the queue mutex to return, so the queue must not go before it has.
+TEST(ControlMessageQueue, DestroyingTheQueueLetsAWaitingSynchronousPosterLeaveFirst) {
+    IdleServicer servicer;
+    Counter wakeGate, rewoken;
+    auto queue = std::make_unique<ScriptedQueue>(&servicer);
+    servicer.queue = queue.get();
+    queue->gate.bump();
+    queue->wakeGate = &wakeGate;
+    queue->rewoken = &rewoken;
+    ASSERT_TRUE(queue->start());
+    ASSERT_TRUE(servicer.started.waitFor(1));
+    std::atomic<bool> performed{false};
+    int result = -1;
+    std::thread poster([&] {
+        FnMessage message([&] {
+            performed = true;
+            return 7;
+        });
+        result = queue->postSynchronously(message);
+    });
+    ASSERT_TRUE(queue->notified.waitFor(1));
+    std::thread opener([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        wakeGate.bump();
+    });
+    queue.reset();
+    EXPECT_EQ(rewoken.count(), 1);  // the poster had the mutex back before the queue went
+    poster.join();
+    opener.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_FALSE(performed);
+}
+
+class FnServicer : public ControlMessageQueue::Servicer {
+public:
+    void run() override { body(); }
+    std::function<void()> body;
+};
+
+// An asynchronous action's exception reaches the loop that called serviceMessages(); its
+// entry is freed with it, the entries behind it wait for the next call, and the wake-up
+// bytes still match the queue.
+TEST(ControlMessageQueue, ActionThatThrowsInServiceMessagesReachesTheLoopAndTheRestStaysQueued) {
+    FnServicer servicer;
+    ControlMessageQueueUNIX queue(&servicer);
+    Counter running, posted, freed;
+    std::atomic<int> performed{0};
+    std::vector<std::string> seen;  // servicing thread only until join()
+    int bytesLeft = -1;
+    servicer.body = [&] {
+        running.bump();
+        posted.waitFor(1);
+        try {
+            queue.serviceMessages();
+            seen.push_back("no exception");
+        } catch (const plat::Exception& e) {
+            seen.push_back(e.str());
+        }
+        seen.push_back("freed " + std::to_string(freed.count()) + ", performed " +
+                       std::to_string(performed));
+        queue.serviceMessages();
+        seen.push_back("performed " + std::to_string(performed));
+        ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytesLeft);
+    };
+    ASSERT_TRUE(queue.start());
+    ASSERT_TRUE(running.waitFor(1));
+    queue.postAsynchronously(
+        new FnMessage([]() -> int { throw plat::Exception("action failed"); }, &freed));
+    queue.postAsynchronously(new FnMessage([&] { return ++performed; }, &freed));
+    posted.bump();
+    queue.join();
+    EXPECT_EQ(seen,
+              (std::vector<std::string>{"action failed", "freed 1, performed 0", "performed 1"}));
+    EXPECT_EQ(bytesLeft, 0);
+    EXPECT_EQ(freed.count(), 2);
+}
+
+// Every allocation of every post fails once in turn, while the loop is held so that the
+// queue itself has to grow: each failure throws std::bad_alloc at once with the message
+// freed and nothing queued, and every post that went through is performed once, in order.
+TEST_F(RunningQueue, AllocationFailureInAnAsynchronousPostFreesTheMessage) {
+    ASSERT_NO_FATAL_FAILURE(startAndWait());
+    Counter entered, released, freed;
+    queue.postAsynchronously(new FnMessage([&] {
+        entered.bump();
+        return released.waitFor(1) ? 0 : -1;
+    }));
+    ASSERT_TRUE(entered.waitFor(1));
+    constexpr int kPosts = 300;
+    std::vector<int> performed;  // servicing thread only until join()
+    int failures = 0, queueGrowthFailures = 0;
+    // A lambda, so that a failed ASSERT still lets the loop go below.
+    auto postAll = [&] {
+        for (int k = 0; k < kPosts; ++k) {
+            for (unsigned n = 1;; ++n) {
+                auto* message = new FnMessage(
+                    [&performed, k] {
+                        performed.push_back(k);
+                        return 0;
+                    },
+                    &freed);
+                int freedBefore = freed.count();
+                bool threw = false, triggered;
+                {
+                    zeltest::FailNthAllocation failure(n);
+                    try {
+                        queue.postAsynchronously(message);
+                    } catch (const std::bad_alloc&) {
+                        threw = true;
+                    }
+                    triggered = failure.triggered();
+                }
+                ASSERT_EQ(threw, triggered) << "post " << k << ", allocation " << n;
+                if (!triggered) break;
+                ASSERT_EQ(freed.count(), freedBefore + 1) << "post " << k << ", allocation " << n;
+                ++failures;
+                if (n > 1) ++queueGrowthFailures;
+            }
+        }
+    };
+    postAll();
+    released.bump();
+    servicer.stop();
+    queue.join();
+    std::vector<int> expected(kPosts);
+    for (int k = 0; k < kPosts; ++k) expected[k] = k;
+    EXPECT_EQ(performed, expected);
+    EXPECT_EQ(freed.count(), kPosts + failures);
+    EXPECT_GE(queueGrowthFailures, 1);
+}
+
+// A synchronous post whose allocations fail throws before anything is queued, so the
+// action never runs; once they succeed it runs exactly once.
+TEST_F(RunningQueue, AllocationFailureInASynchronousPostIsThrownWithNothingPerformed) {
+    ASSERT_NO_FATAL_FAILURE(startAndWait());
+    int performed = 0;
+    FnMessage message([&] { return ++performed; });
+    unsigned n = 1;
+    for (;; ++n) {
+        bool threw = false, triggered;
+        int result = -1;
+        {
+            zeltest::FailNthAllocation failure(n);
+            try {
+                result = queue.postSynchronously(message);
+            } catch (const std::bad_alloc&) {
+                threw = true;
+            }
+            triggered = failure.triggered();
+        }
+        if (!triggered) {
+            EXPECT_FALSE(threw);
+            EXPECT_EQ(result, 1);
+            break;
+        }
+        EXPECT_TRUE(threw) << n;
+        EXPECT_EQ(performed, 0) << n;
+        ASSERT_LT(n, 20u);
+    }
+    EXPECT_GE(n, 2u);
+    servicer.stop();
+    queue.join();
+    EXPECT_EQ(performed, 1);
 }
 
 }  // namespace
