@@ -292,8 +292,10 @@ bool CDBReader::collectPayload() {
             in_.skip(payloadExpected_);
             return deliverPayload(data);
         }
-        copyForced_ = true;
+        // Forced only once the block exists: a failed allocation leaves the state to run
+        // again from its start.
         payloadBuffer_.reset(new uint8_t[payloadExpected_]);
+        copyForced_ = true;
     }
     for (;;) {
         size_t chunk = std::min(in_.available(), payloadExpected_ - payloadCollected_);
