@@ -126,7 +126,9 @@ int TimerManager::processTimers() {
     while ((timer = first()) != nullptr && timer->due_ <= now) {
         timer->unlink();
         int again = timer->callback_ ? timer->callback_->timerFired(*timer) : 0;
-        if (!again || timer->isRunning()) continue;
+        // An interval of 0 or less would make the timer due again at once and keep this loop
+        // firing it forever: such a timer is not re-armed.
+        if (!again || timer->isRunning() || timer->interval_ <= 0) continue;
         // Re-arm from the old due time so that a steady period does not drift, but skip
         // the periods that were missed while the thread was busy instead of catching up.
         int64_t interval = toTicks(timer->interval_);

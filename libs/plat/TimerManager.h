@@ -17,7 +17,8 @@ public:
         // Called by TimerManager::processTimers() with the timer already unlinked, so it may
         // start, stop or destroy other timers and start its own. A non-zero result asks for
         // the timer to run again after its interval (ignored when the callback started the
-        // timer itself; the callback must return 0 if it destroyed the timer).
+        // timer itself, and when the interval is 0 or less; the callback must return 0 if it
+        // destroyed the timer).
         virtual int timerFired(Timer& timer) = 0;
     };
 
