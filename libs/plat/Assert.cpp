@@ -15,11 +15,13 @@ const char* const kSourceRoots[] = {"/libs/", "/src/", "/include/", "/tests/"};
 
 const char* sourceName(const char* file, char* buffer, unsigned size) {
     const char* start = file;
-    for (const char* root : kSourceRoots) {
-        const char* hit = std::strstr(file, root);
-        if (hit) {
-            start = hit + 1;
-            break;
+    if (file[0] == '/') {
+        // The last match, so that a checkout inside another ".../libs/" still gives the
+        // project's own name.
+        for (const char* root : kSourceRoots) {
+            for (const char* hit = std::strstr(file, root); hit; hit = std::strstr(hit + 1, root)) {
+                if (hit + 1 > start) start = hit + 1;
+            }
         }
     }
     size_t length = std::strlen(start);

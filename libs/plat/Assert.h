@@ -14,7 +14,9 @@ namespace plat {
 void assertionWarning(const char* text);
 
 // The project-relative source name without extension ("libs/rdr/InStream") of a
-// __FILE__ path, as it appears in assertion messages.
+// __FILE__ path, as it appears in assertion messages. The build makes __FILE__ relative to
+// the source tree; an absolute path (a build without that mapping) is cut before its last
+// top-level folder (libs, src, include, tests).
 const char* sourceName(const char* file, char* buffer, unsigned size);
 
 }  // namespace plat

@@ -20,6 +20,10 @@ constexpr int64_t kBackwardsSlackMs = 100;
 // A first timer overdue by more than this (four minutes) means the clock jumped forwards.
 constexpr int kForwardsLimitMs = -240000;
 
+// Applications match the text and line of this assertion in their logs, so the line is fixed
+// here rather than taken from where the check happens to sit.
+constexpr int kSecondManagerAssertLine = 50;
+
 int64_t toTicks(int32_t ms) {
     return static_cast<int64_t>(ms) * kTicksPerMillisecond;
 }
@@ -47,7 +51,7 @@ int TimerManager::millisecondsBetween(int64_t a, int64_t b) {
 // A second manager on one thread would take over Timer::start() and strand the first one's
 // timers, so it is a broken invariant, not an error to report.
 TimerManager::TimerManager(Callbacks* callbacks) : callbacks_(callbacks) {
-    PLAT_ASSERT(!thrInst);  // reported as libs/plat/TimerManager:50; a test pins it
+    if (thrInst) assertionFailed("!thrInst", __FILE__, kSecondManagerAssertLine);
     thrInst = this;
     head_.next_ = &head_;
     head_.prev_ = &head_;
