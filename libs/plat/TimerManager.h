@@ -56,12 +56,14 @@ private:
 // The timers of one thread, ordered by due time (first started first among equal due
 // times). The owning thread asks it how long it may wait and lets it fire the due timers
 // when the wait ends. At most one manager per thread; Timer::start() finds it through
-// thread-local storage. Time comes from Clock::now(), so tests drive it with a ManualClock.
+// thread-local storage. Time comes from Clock::now(), so tests drive it with a clock they
+// move by hand.
 //
-// Wall-clock jumps are healed rather than reported: when the first timer is due further
-// ahead than its own interval allows (clock set backwards), or more than four minutes
-// overdue (clock set far forwards), every timer is restarted with its full interval from
-// now and a line is logged at level 30 under "TimerManager".
+// Clock jumps are healed rather than reported (the system clock is monotonic, but a clock a
+// test installs may jump): when the first timer is due further ahead than its own interval
+// allows (clock set backwards), or more than four minutes overdue (clock set far forwards),
+// every timer is restarted with its full interval from now and a line is logged at level 30
+// under "TimerManager".
 class TimerManager {
 public:
     class Callbacks {
@@ -102,7 +104,7 @@ public:
 private:
     friend class Timer;
 
-    // Restarts every timer when the wall clock jumped; returns true if it did. Reads the
+    // Restarts every timer when the clock jumped; returns true if it did. Reads the
     // clock into now.
     bool checkClock(int64_t& now);
     void insert(Timer& timer);
