@@ -24,6 +24,10 @@ void TcpConnector::openSocket() {
     }
 }
 
+void TcpConnector::makeNonBlocking(TcpSocket& socket) {
+    if (int err = socket.setBlocking(false)) throw plat::SystemExceptionFmt(err, "fcntl() failed");
+}
+
 SocketAddress TcpConnector::resolve(const char* url) {
     CDBUrl parsed;
     SocketAddress address;
@@ -37,7 +41,7 @@ void TcpConnector::startConnect(const char* url) {
     log_.info("Connecting to %s", url ? url : "(null)");
     openSocket();
     SocketAddress address = resolve(url);
-    socket_.setBlocking(false);
+    makeNonBlocking(socket_);
     socket_.setNoDelay();
     int err = socket_.connect(address);
     if (err != 0 && err != EINPROGRESS) throw plat::SystemExceptionFmt(err, "connect() failed");
@@ -54,7 +58,7 @@ void TcpConnector::startListening(const char* url) {
     log_.info("Listening on %s", url ? url : "(null)");
     openSocket();
     SocketAddress address = resolve(url);
-    socket_.setBlocking(false);
+    makeNonBlocking(socket_);
     socket_.setReuseAddress();
     if (int err = socket_.bind(address)) throw plat::SystemExceptionFmt(err, "bind() failed");
     if (int err = socket_.listen(kListenBacklog))
@@ -70,7 +74,7 @@ bool TcpConnector::acceptPeer() {
         log_.warning("accept() failed: error %d: %s", err, description);
         return false;
     }
-    peer.setBlocking(false);
+    makeNonBlocking(peer);
     peer.setNoDelay();
     // The listening socket ends up in the temporary and is closed with it: one endpoint
     // serves exactly one connection.

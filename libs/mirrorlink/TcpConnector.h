@@ -18,8 +18,8 @@ public:
     TcpConnector(TcpSocket& socket, const plat::LoggerRef& log);
 
     // Client: "Connecting to <url>", then a non-blocking connect to the URL's first address.
-    // Throws plat::SystemExceptionFmt ("socket() failed", "connect() failed") and
-    // plat::Exception ("Invalid CDB URL <url>").
+    // Throws plat::SystemExceptionFmt ("socket() failed", "fcntl() failed", "connect()
+    // failed") and plat::Exception ("Invalid CDB URL <url>").
     void startConnect(const char* url);
 
     // Client, once the socket is writable: true when connected. Throws plat::Exception
@@ -28,16 +28,19 @@ public:
 
     // Server: "Listening on <url>", then bind (SO_REUSEADDR) and listen with a backlog of 1
     // on a non-blocking socket. Throws plat::SystemExceptionFmt ("socket() failed",
-    // "bind() failed", "listen() failed") and plat::Exception ("Invalid CDB URL <url>").
+    // "fcntl() failed", "bind() failed", "listen() failed") and plat::Exception ("Invalid
+    // CDB URL <url>").
     void startListening(const char* url);
 
     // Server, once the listening socket is readable: accepts the peer and puts it in place
     // of the listening socket, which is closed. A failed accept is logged as a warning and
-    // gives false; the socket keeps listening.
+    // gives false; the socket keeps listening. Throws plat::SystemExceptionFmt "fcntl()
+    // failed" when the peer's socket cannot be made non-blocking (the peer is closed).
     bool acceptPeer();
 
 private:
     void openSocket();
+    static void makeNonBlocking(TcpSocket& socket);
     SocketAddress resolve(const char* url);
 
     TcpSocket& socket_;

@@ -27,6 +27,36 @@ bool wouldBlock(int err) {
     return err == EAGAIN || err == EWOULDBLOCK;
 }
 
+// For systems without SOCK_CLOEXEC; 0 or the errno of the failed call.
+[[maybe_unused]] int setCloseOnExec(int fd) {
+    int flags = ::fcntl(fd, F_GETFD);
+    if (flags < 0 || ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC) < 0) return errno;
+    return 0;
+}
+
+// A descriptor made here and closed on exec, or -1 with errno set. The library lives inside
+// the application's process: its sockets, like its wake-up pipe, must not leak into
+// programs the application runs. SOCK_CLOEXEC sets the flag atomically, so that a fork in
+// another thread cannot catch the descriptor without it.
+int closedOnExec(int fd) {
+#ifndef SOCK_CLOEXEC
+    if (fd >= 0) {
+        if (int err = setCloseOnExec(fd)) {
+            ::close(fd);
+            errno = err;
+            return -1;
+        }
+    }
+#endif
+    return fd;
+}
+
+#ifdef SOCK_CLOEXEC
+constexpr int kCloseOnExec = SOCK_CLOEXEC;
+#else
+constexpr int kCloseOnExec = 0;
+#endif
+
 }  // namespace
 
 TcpSocket::TcpSocket() : fd_(-1), blocking_(true) {}
@@ -55,7 +85,7 @@ void TcpSocket::swap(TcpSocket& other) noexcept {
 
 int TcpSocket::create(int domain, int type) {
     close();
-    fd_ = ::socket(domain, type, 0);
+    fd_ = closedOnExec(::socket(domain, type | kCloseOnExec, 0));
     blocking_ = true;
     return fd_ < 0 ? errno : 0;
 }
@@ -100,7 +130,11 @@ int TcpSocket::listen(int backlog) {
 
 int TcpSocket::accept(TcpSocket* peer, SocketAddress* address) {
     address->length = kAcceptAddressLength;
-    int fd = ::accept(fd_, address->get(), &address->length);
+#ifdef SOCK_CLOEXEC
+    int fd = ::accept4(fd_, address->get(), &address->length, SOCK_CLOEXEC);
+#else
+    int fd = closedOnExec(::accept(fd_, address->get(), &address->length));
+#endif
     if (fd < 0) return errno;
     peer->close();
     peer->fd_ = fd;

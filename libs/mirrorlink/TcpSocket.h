@@ -18,7 +18,8 @@ public:
     TcpSocket(const TcpSocket&) = delete;
     TcpSocket& operator=(const TcpSocket&) = delete;
 
-    // Closes any open descriptor, then opens a new one (protocol 0). The new socket blocks.
+    // Closes any open descriptor, then opens a new one (protocol 0). The new socket blocks
+    // and is closed on exec.
     int create(int domain, int type);
 
     // Sets or clears O_NONBLOCK and remembers the choice.
@@ -33,7 +34,7 @@ public:
     int bind(const SocketAddress& address);
     int listen(int backlog);
     // Accepts one pending connection into peer (which is closed first; the new socket
-    // blocks) and the peer's address into address.
+    // blocks and is closed on exec) and the peer's address into address.
     int accept(TcpSocket* peer, SocketAddress* address);
 
     // One send; on success *length becomes the count sent. A non-blocking socket that cannot

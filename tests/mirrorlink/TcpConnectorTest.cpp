@@ -44,6 +44,25 @@ TEST(TcpConnector, ServerAcceptsExactlyOnePeerThenNothingListens) {
                                             {plat::kLogInfo, "Connecting to " + loop.url}}));
 }
 
+bool closedOnExec(const TcpSocket& socket) {
+    int flags = ::fcntl(socket.fd(), F_GETFD);
+    return flags >= 0 && (flags & FD_CLOEXEC) != 0;
+}
+
+// The library lives in the application's process: none of its sockets may leak into a
+// program the application executes. Listening, connecting and accepted sockets alike.
+TEST(TcpConnector, EverySocketIsClosedOnExec) {
+    Loopback loop;
+    loop.listen();
+    EXPECT_TRUE(closedOnExec(loop.server));
+    ASSERT_TRUE(loop.connect());
+    EXPECT_TRUE(closedOnExec(loop.client));
+    EXPECT_TRUE(closedOnExec(loop.server));  // now the accepted peer
+    TcpSocket plain;
+    ASSERT_EQ(plain.create(AF_INET, SOCK_STREAM), 0);
+    EXPECT_TRUE(closedOnExec(plain));
+}
+
 std::string failureOf(void (TcpConnector::*start)(const char*), const std::string& url) {
     mltest::RecordingLogger logger;
     TcpSocket socket;
