@@ -42,8 +42,8 @@ int TimerManager::millisecondsBetween(int64_t a, int64_t b) {
     // Truncating division: positive differences round up, short negative ones give 0.
     int64_t ms = rounded / kTicksPerMillisecond;
     if (ms > INT32_MAX - 1) return INT32_MAX;
-    // The lower edge is asymmetric (-2147483647 already gives INT32_MIN); kept as it always
-    // was, nothing depends on the difference.
+    // The lower edge is one early (-2147483647 already gives INT32_MIN), which is harmless:
+    // only a timer some 24 days overdue gets there, and every caller treats both alike.
     if (ms <= INT32_MIN + 1) return INT32_MIN;
     return static_cast<int>(ms);
 }

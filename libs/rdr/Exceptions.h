@@ -30,8 +30,8 @@ public:
     OutStreamFull() : plat::Exception("OutStream full") {}
 };
 
-// Part of the family for code that dispatches through state functions; nothing in the
-// library throws it at present.
+// A state machine that dispatches through state functions found none to run: a broken
+// invariant. The CDB reader throws it when it is called without a parse state.
 class NullStateException : public plat::Exception {
 public:
     NullStateException() : plat::Exception("Null state function called") {}

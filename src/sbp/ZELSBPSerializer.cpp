@@ -34,8 +34,8 @@ void ZELSBPSerializer::refuse(ZELCDBError code) {
 
 void ZELSBPSerializer::push(uint8_t containerType, uint8_t elementType, uint8_t* countField) {
     if (stack_.size() == stack_.capacity()) {
-        // The count field goes out before the stack grows, so that a failure here leaves
-        // the same bytes as it always has.
+        // The count field (zero so far) is committed before the stack grows, so that a
+        // failure to grow leaves the same bytes as an open that had room on the stack.
         std::memset(countField, 0, kCountBytes);
         buffer_.commit(countField + kCountBytes);
         stack_.reserve(2 * stack_.size());
