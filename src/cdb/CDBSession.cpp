@@ -157,10 +157,14 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
     }
     bool readable = (fds[0].revents & kReadable) != 0;
     bool writable = wantWrite && (fds[0].revents & kWritable) != 0;
+    // Taken before the messages run: one of them may end the session while the socket is
+    // still a listening or half-connected one, which must never be read as a stream.
+    bool connecting = state_ == Connecting;
     if (fds[1].revents & kReadable) owner_.serviceMessages();
 
-    if (state_ == Connecting) {
-        if ((readable || writable) && completeConnection()) connectionEstablished();
+    if (connecting) {
+        if (state_ == Connecting && (readable || writable) && completeConnection())
+            connectionEstablished();
         return;
     }
     if (state_ == Disconnected || state_ == Idle) return;
@@ -449,10 +453,12 @@ void CDBSession::handleStartService(uint16_t id, CDBVersion requested) {
         writer_.sendServiceResponse(id, kServiceVersionMismatch);
         return;
     }
-    log_.debug("Asking service handler to start service");
-    if (service->handler) service->handler->startService(requested);
+    // Recorded before the handler runs: a service that answers from inside startService()
+    // (through sendServiceResponse) must find the request there to settle it.
     addPendingRequest(id, kResponsePendingIntervalMs, kServiceStartTimedOut, kServiceStartExpiryMs,
                       false);
+    log_.debug("Asking service handler to start service");
+    if (service->handler) service->handler->startService(requested);
 }
 
 void CDBSession::handleStopService(uint16_t id) {
