@@ -9,12 +9,17 @@ namespace zelcdbsdk {
 
 namespace {
 
-// Copies the part of the application's table that it says it gave, over a zeroed table.
+// Copies the entries of the application's table that lie wholly inside the size it gave,
+// over a zeroed table. An entry cut by the size counts as missing: half a pointer copied
+// over a null one would be called as a function.
 template <typename Table>
 Table copyBySize(const Table* callbacks, uint32_t size) {
+    using Entry = void (*)();
+    static_assert(sizeof(Table) % sizeof(Entry) == 0, "a table of function pointers");
     Table table;
     std::memset(&table, 0, sizeof table);
-    if (callbacks) std::memcpy(&table, callbacks, std::min<size_t>(size, sizeof table));
+    size_t whole = std::min<size_t>(size, sizeof table) / sizeof(Entry) * sizeof(Entry);
+    if (callbacks) std::memcpy(&table, callbacks, whole);
     return table;
 }
 
