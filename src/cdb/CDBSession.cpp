@@ -116,7 +116,19 @@ CDBSession::~CDBSession() {
 void CDBSession::run() {
     startConnection();
     state_ = Connecting;
+    loop(false);
+}
+
+void CDBSession::runConnected(mirrorlink::TcpSocket& connected) {
+    socket_.swap(connected);
+    connected.close();
+    state_ = Connecting;
+    loop(true);
+}
+
+void CDBSession::loop(bool connected) {
     try {
+        if (connected) connectionEstablished();
         while (state_ != Disconnected) {
             ++loopTurns_;
             int timeoutMs = timers_.processTimers();

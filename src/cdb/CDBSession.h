@@ -45,6 +45,10 @@ public:
     // protocol failures (and whatever a handler or a serviced control message throws) leave
     // it as exceptions, after a best-effort flush of what was already written.
     void run();
+    // Test and fuzzing seam: run() over a socket that is already connected (one end of a
+    // local stream pair, say) instead of connecting or listening first. The session takes
+    // the descriptor over; everything from "Connection established" on is as in run().
+    void runConnected(mirrorlink::TcpSocket& connected);
     // Starts the orderly end: ByeBye when connected, else a last turn of the loop.
     void terminate();
 
@@ -111,6 +115,8 @@ protected:
     void rebuildPeerTable(CDBVersion peerVersion, const std::vector<CDBService>& services);
     const CDBService* findLocalService(uint16_t id);
     void connectionEstablished();
+    // The loop of run(); connected: the socket already carries the connection.
+    void loop(bool connected);
     void waitAndDispatch(int timeoutMs);
 
     // Member order matters: the timer manager outlives every timer, and the socket outlives
