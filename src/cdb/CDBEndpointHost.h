@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+
 #include "zelcdbsdk.h"
 
 namespace zelcdbsdk {
@@ -19,6 +22,14 @@ public:
     // re-entering the session half way through a delivery.
     virtual void enterCallback() = 0;
     virtual void leaveCallback() = 0;
+
+    // The endpoint's CDB session as the SBP sink and source use it. Without a session (the
+    // endpoint is not running, or no host that has one) nothing is sent.
+    virtual bool hasSession() { return false; }
+    virtual void sendServicePayload(uint16_t /*serviceId*/, const uint8_t* /*data*/,
+                                    size_t /*length*/) {}
+    virtual void sendServiceResponse(uint16_t /*serviceId*/, uint16_t /*code*/) {}
+    virtual void stopPeerService(uint16_t /*serviceId*/) {}
 
     // Calls fn() inside the bracket; the bracket is closed also when fn throws.
     template <typename Fn>
