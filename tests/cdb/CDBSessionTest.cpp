@@ -84,7 +84,7 @@ TEST(CDBSession, UnsupportedPeerVersionIsAnsweredThenByeBye) {
     }
 }
 
-TEST(CDBSession, PingsASecondAfterConnectingAndAfterEachAnswer) {
+TEST(CDBSession, PingsASecondAfterConnectingAndAfterEachAnswerAndChecksTheNumber) {
     Session s(Role::Client);
     s.exchange({});
     EXPECT_EQ(s.advance(999, false), Lines{});
@@ -92,6 +92,11 @@ TEST(CDBSession, PingsASecondAfterConnectingAndAfterEachAnswer) {
     s.peer.w().sendPingResponse(0);
     EXPECT_EQ(s.advance(999, false), Lines{});
     EXPECT_EQ(s.advance(1, false), Lines{"2000 Ping 1"});
+    s.peer.w().sendPingResponse(0);
+    EXPECT_EQ(s.peer.sync(), (Lines{"ServiceResponse 0x0000 0x0208", "ByeBye"}));
+    EXPECT_EQ(
+        s.host->log.lines().back(),
+        "0 Sequence number in PingResponse is incorrect! Expected 1, got 0 - terminating CDB");
 }
 
 TEST(CDBSession, PingSequenceWrapsAfter65536Answers) {
@@ -102,19 +107,6 @@ TEST(CDBSession, PingSequenceWrapsAfter65536Answers) {
     EXPECT_EQ(s.advance(1000, false), Lines{"1000 Ping 65535"});
     s.peer.w().sendPingResponse(65535);
     EXPECT_EQ(s.advance(1000, false), Lines{"2000 Ping 0"});
-}
-
-TEST(CDBSession, WrongPingResponseIsAnsweredThenByeBye) {
-    Session s(Role::Client);
-    s.exchange({});
-    s.advance(1000, false);
-    s.peer.w().sendPingResponse(0);
-    EXPECT_EQ(s.advance(1000, false), Lines{"2000 Ping 1"});
-    s.peer.w().sendPingResponse(0);
-    EXPECT_EQ(s.peer.sync(), (Lines{"ServiceResponse 0x0000 0x0208", "ByeBye"}));
-    EXPECT_EQ(
-        s.host->log.lines().back(),
-        "0 Sequence number in PingResponse is incorrect! Expected 1, got 0 - terminating CDB");
 }
 
 // Ten seconds for the answer, "five" in the line; then five seconds for the ByeBye.
@@ -191,7 +183,7 @@ TEST(CDBSession, ServerStoppedAsAPeerConnectsEndsCleanly) {
 }
 
 // Failures leave run() as exceptions without a ByeBye, after what was already written has
-// been flushed; an exceptional condition on the socket ends the loop as "Disconnected".
+// been flushed; urgent data (an exceptional condition) ends the loop as "Disconnected".
 TEST(CDBSession, HowASessionEnds) {
     struct Row {
         std::function<void(RawPeer&)> act;
@@ -225,12 +217,6 @@ TEST(CDBSession, HowASessionEnds) {
             seen.push_back(s.peer.next());
         EXPECT_EQ(seen, row.peerSees);
     }
-    ReservedPort nobody;
-    plat::ManualClock clock;
-    plat::ScopedClock useClock(&clock);
-    SessionHost host(Role::Client, nobody.url(), &clock);
-    host.start();
-    EXPECT_EQ(host.outcome(), "Connection error: Connection refused (111)");
 }
 
 TEST(CDBSession, LateServicesSupportedIsIgnored) {
@@ -475,15 +461,6 @@ TEST(CDBSession, OwnOperations) {
          {},
          "0 Failed to send ServiceResponse for service 0 (0x0000) - service does not exist or "
          "does not belong to this endpoint"},
-        {[](CDBSession& x) { x.startPeerService(0x4009); },
-         {},
-         "0 Failed to start peer service 16393 (0x4009) - service does not exist"},
-        {[](CDBSession& x) { x.stopPeerService(0x4009); },
-         {},
-         "0 Failed to stop peer service 16393 (0x4009) - service does not exist"},
-        {[](CDBSession& x) { x.addSink(0x4009, nullptr); },
-         {},
-         "0 Failed to add sink for peer service 16393 (0x4009) - service does not exist"},
         {[](CDBSession& x) { x.stopPeerService(0x4001); },
          {"StopService 0x4001"},
          "30 Stopping peer service 16385 (0x4001)"},
