@@ -10,16 +10,30 @@
  *    exception ever leaves the library. ZELCDBGetErrorName gives each code's name.
  *  - Records and callback tables come with their size in bytes (sizeof of the caller's
  *    struct). A record smaller than the fields a function reads is InvalidParameter.
- *    Callback tables are copied up to min(size, sizeof(table)); callbacks beyond the given
- *    size, and NULL callbacks, are simply never called.
+ *    Callback tables are copied up to min(size, sizeof(table)), in whole entries; callbacks
+ *    beyond the given size, and NULL callbacks, are simply never called.
  *  - Contexts are opaque void * words: the library never dereferences them and hands them
  *    back unchanged.
  *  - Buffers passed in are borrowed for the duration of the call; the library copies what
  *    it keeps. Buffers handed to callbacks are valid only during the callback.
  *  - Threads. Every endpoint runs one thread of its own; all endpoint, sink and source
- *    callbacks are called on it. Entries may be called from any thread, including from
- *    inside callbacks, in which case the work is queued and performed after the callback
- *    returns. ZELCDBEndpointStop must not be called from inside a callback.
+ *    callbacks are called on it (logCallback also on the thread of an entry that logs).
+ *    Entries may be called from any thread, including from inside callbacks, in which case
+ *    the work is queued and performed after the callback returns, in the order of the calls.
+ *    From inside a callback of the same endpoint:
+ *      ZELCDBEndpointStop starts the orderly stop and returns ZELCDBErrorNone at once; the
+ *      endpoint thread ends after the callback returns (statusCallback 3 follows), and the
+ *      next ZELCDBEndpointStart, ZELCDBEndpointStop or ZELCDBEndpointDestroy joins it.
+ *      ZELCDBEndpointDestroy returns IllegalWhileRunning, logs one error line and destroys
+ *      nothing: the endpoint cannot delete itself under its own thread.
+ *      ZELCDBEndpointStart and ZELCDBEndpointAddSourceService return IllegalWhileRunning.
+ *    ZELCDBEndpointStart returns once the new thread has initialised, so a running-only
+ *    call made right after it is accepted; statusCallback 1 still comes from the thread.
+ *    Called from another thread while the endpoint thread is ending by itself (status 3
+ *    reported or being reported), it waits for that thread and starts a new one, so an
+ *    application that reconnects on status 3 never has to retry. Start and Stop may be
+ *    called from several threads at once: they take turns, and a Stop that finds the
+ *    endpoint already stopped returns IllegalWhileNotRunning.
  *    Serializers and deserializers run on the calling thread and are not locked: use one
  *    from one thread at a time.
  *  - Ownership. The application destroys what it creates (endpoints, serializers,
@@ -220,33 +234,46 @@ typedef void ZELCDBSDKUninitializeFn(void);
 /* Name of an error code ("None", "Failed", ...); NULL for a value that is not a code. */
 typedef const char *ZELCDBGetErrorNameFn(ZELCDBError error);
 /* Creates an endpoint (not yet running). On failure *endpoint is NULL. Logs the version
- * banner as its first log line before returning. */
+ * banner as its first log line before returning. InvalidParameter: a NULL pointer, a
+ * parametersSize that does not cover versionMinor, a mode other than client or server, a
+ * URL that does not parse; UnsupportedVersion: a CDB version other than 1.1. */
 typedef ZELCDBError ZELCDBEndpointCreateFn(ZELCDBEndpoint **endpoint,
                                            const ZELCDBEndpointParameters *parameters,
                                            uint32_t parametersSize,
                                            const ZELCDBEndpointCallbacks *callbacks,
                                            uint32_t callbacksSize);
-/* Stops a running endpoint, then frees it. */
+/* Stops a running endpoint as ZELCDBEndpointStop does, then frees it. OutOfMemory when the
+ * stop cannot be posted (the endpoint is kept). */
 typedef ZELCDBError ZELCDBEndpointDestroyFn(ZELCDBEndpoint *endpoint);
-/* Registers a plain CDB source service; not while running. The assigned ID is written to
- * service->serviceId. */
+/* Registers a plain CDB source service; not while running (IllegalWhileRunning). The
+ * assigned ID is written to service->serviceId: IDs run from 1 on a client and from 0x4001
+ * on a server, in registration order, and are never reused. A name longer than 255 bytes is
+ * InvalidParameter. Failed, with one error line, beyond 16383 services or when one
+ * ServicesSupported could no longer list them all (4 bytes, then 7 plus the name's length
+ * per service, at most 65535). A refused registration consumes no ID. */
 typedef ZELCDBError ZELCDBEndpointAddSourceServiceFn(ZELCDBEndpoint *endpoint, void *serviceContext,
                                                      ZELCDBService *service, uint32_t serviceSize,
                                                      const ZELCDBSourceServiceCallbacks *callbacks,
                                                      uint32_t callbacksSize);
-/* Attaches a plain CDB sink to a peer service; only while running. */
+/* Attaches a plain CDB sink to a peer service; only while running. Returns None also when
+ * the peer does not offer the service: the log says so when the sink is attached. Sinks
+ * last as long as the connection. */
 typedef ZELCDBError ZELCDBEndpointAddSinkFn(ZELCDBEndpoint *endpoint, void *sinkContext,
                                             uint16_t serviceId,
                                             const ZELCDBSinkCallbacks *callbacks,
                                             uint32_t callbacksSize);
-/* Starts the endpoint thread; returns once the thread is created. */
+/* Starts the endpoint thread and returns once it has initialised; Failed, with one log
+ * line, when it could not. IllegalWhileRunning while the endpoint runs (see Threads above
+ * for a thread that is ending by itself). */
 typedef ZELCDBError ZELCDBEndpointStartFn(ZELCDBEndpoint *endpoint);
-/* Stops the endpoint thread and waits for it to end. */
+/* Ends the connection and waits for the endpoint thread to end. A connected peer gets a
+ * ByeBye and up to five seconds to answer it. IllegalWhileNotRunning when not running. */
 typedef ZELCDBError ZELCDBEndpointStopFn(ZELCDBEndpoint *endpoint);
 /* Send a CDB StartService / StopService for a peer service; only while running. */
 typedef ZELCDBError ZELCDBEndpointSendStartServiceFn(ZELCDBEndpoint *endpoint, uint16_t serviceId);
 typedef ZELCDBError ZELCDBEndpointSendStopServiceFn(ZELCDBEndpoint *endpoint, uint16_t serviceId);
-/* Sends a CDB ServicePayload of at most 8100 bytes; only while running. */
+/* Sends a CDB ServicePayload of at most 8100 bytes (more is InvalidParameter, whatever
+ * else is wrong); only while running. The bytes are copied before the call returns. */
 typedef ZELCDBError ZELCDBEndpointSendServicePayloadFn(ZELCDBEndpoint *endpoint, uint16_t serviceId,
                                                        const uint8_t *data, uint32_t length);
 /* Sends a CDB ServiceResponse; only while running. */

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "sbp/SBPCodecEntries.h"
+#include "sdk/EndpointEntries.h"
 #include "sdk/ErrorException.h"
 
 namespace zelcdbsdk {
@@ -32,13 +33,14 @@ uint32_t hashName(const char* name, uint32_t length) {
 
 ZELCDBSDK makeTable() {
     ZELCDBSDK table{};
-    table.versionMajor = 2;
-    table.versionMinor = 7;
-    table.versionPatch = 0;
-    table.versionBuild = 2565;
+    table.versionMajor = kSdkVersionMajor;
+    table.versionMinor = kSdkVersionMinor;
+    table.versionPatch = kSdkVersionPatch;
+    table.versionBuild = kSdkVersionBuild;
     table.sdkUninitialize = &sdkUninitialize;
     table.getErrorName = &getErrorName;
     table.hashName = &hashName;
+    fillEndpointEntries(table);
     fillSBPCodecEntries(table);
     return table;
 }
