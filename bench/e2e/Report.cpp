@@ -1,0 +1,162 @@
+#include "Report.h"
+
+#include <cmath>
+#include <cstring>
+
+namespace e2e {
+
+namespace {
+
+std::string number(double value) {
+    char text[64];
+    double magnitude = std::fabs(value);
+    if (magnitude >= 1000)
+        std::snprintf(text, sizeof text, "%.0f", value);
+    else if (magnitude >= 100)
+        std::snprintf(text, sizeof text, "%.1f", value);
+    else if (magnitude >= 1)
+        std::snprintf(text, sizeof text, "%.2f", value);
+    else
+        std::snprintf(text, sizeof text, "%.3f", value);
+    return text;
+}
+
+std::string jsonString(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            default:
+                if (static_cast<unsigned char>(c) < 0x20) {
+                    char escaped[8];
+                    std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+                    out += escaped;
+                } else {
+                    out += c;
+                }
+        }
+    }
+    return out + "\"";
+}
+
+std::string jsonNumber(double value) {
+    if (!std::isfinite(value)) return "null";
+    char text[64];
+    std::snprintf(text, sizeof text, "%.6g", value);
+    return text;
+}
+
+}  // namespace
+
+int Row::met() const {
+    switch (goal.kind) {
+        case Goal::kNone:
+            return -1;
+        case Goal::kRatioAtMost:
+            return hasRatio() ? ratio() <= goal.limit : -1;
+        case Goal::kRatioAtLeast:
+            return hasRatio() ? ratio() >= goal.limit : -1;
+        case Goal::kValueBelow:
+            return hasSdk ? sdk < goal.limit : -1;
+    }
+    return -1;
+}
+
+std::string Row::goalText() const {
+    switch (goal.kind) {
+        case Goal::kNone:
+            return "";
+        case Goal::kRatioAtMost:
+            return "<= " + number(goal.limit) + "x";
+        case Goal::kRatioAtLeast:
+            return ">= " + number(goal.limit) + "x";
+        case Goal::kValueBelow:
+            return "< " + number(goal.limit) + " " + unit;
+    }
+    return "";
+}
+
+void Report::add(const std::string& key, const std::string& label, const std::string& unit,
+                 double sdk, double tcp, Goal goal) {
+    Row row;
+    row.key = key;
+    row.label = label;
+    row.unit = unit;
+    row.sdk = sdk;
+    row.tcp = tcp;
+    row.hasSdk = true;
+    row.hasTcp = true;
+    row.goal = goal;
+    add(std::move(row));
+}
+
+void Report::addSdkOnly(const std::string& key, const std::string& label, const std::string& unit,
+                        double sdk, Goal goal) {
+    Row row;
+    row.key = key;
+    row.label = label;
+    row.unit = unit;
+    row.sdk = sdk;
+    row.hasSdk = true;
+    row.goal = goal;
+    add(std::move(row));
+}
+
+void Report::note(const std::string& key, const std::string& value) {
+    notes_.emplace_back(key, value);
+}
+
+void Report::printTable(FILE* out) const {
+    for (const auto& note : notes_)
+        std::fprintf(out, "%-14s %s\n", note.first.c_str(), note.second.c_str());
+    std::fprintf(out, "\n%-46s %-9s %10s %10s %8s  %-12s %s\n", "figure", "unit", "SDK", "raw TCP",
+                 "SDK/TCP", "goal", "met");
+    std::fprintf(out, "%s\n", std::string(106, '-').c_str());
+    for (const Row& row : rows_) {
+        std::string sdk = row.hasSdk ? number(row.sdk) : "-";
+        std::string tcp = row.hasTcp ? number(row.tcp) : "-";
+        std::string ratio = row.hasRatio() ? number(row.ratio()) : "-";
+        int met = row.met();
+        std::fprintf(out, "%-46s %-9s %10s %10s %8s  %-12s %s\n", row.label.c_str(),
+                     row.unit.c_str(), sdk.c_str(), tcp.c_str(), ratio.c_str(),
+                     row.goalText().c_str(),
+                     met < 0 ? ""
+                     : met   ? "yes"
+                             : "NO");
+    }
+}
+
+std::string Report::json() const {
+    std::string out = "{\n  \"run\": {";
+    for (size_t i = 0; i < notes_.size(); ++i) {
+        out += i ? ",\n    " : "\n    ";
+        out += jsonString(notes_[i].first) + ": " + jsonString(notes_[i].second);
+    }
+    out += "\n  },\n  \"results\": [";
+    for (size_t i = 0; i < rows_.size(); ++i) {
+        const Row& row = rows_[i];
+        out += i ? ",\n    {" : "\n    {";
+        out += "\"key\": " + jsonString(row.key);
+        out += ", \"label\": " + jsonString(row.label);
+        out += ", \"unit\": " + jsonString(row.unit);
+        out += ", \"sdk\": " + (row.hasSdk ? jsonNumber(row.sdk) : "null");
+        out += ", \"tcp\": " + (row.hasTcp ? jsonNumber(row.tcp) : "null");
+        out += ", \"ratio\": " + (row.hasRatio() ? jsonNumber(row.ratio()) : "null");
+        out += ", \"goal\": " + jsonString(row.goalText());
+        int met = row.met();
+        out += ", \"met\": " + std::string(met < 0 ? "null" : met ? "true" : "false");
+        out += "}";
+    }
+    out += "\n  ]\n}\n";
+    return out;
+}
+
+}  // namespace e2e

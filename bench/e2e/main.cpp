@@ -1,0 +1,435 @@
+// End-to-end figures of the SDK next to the raw-TCP floor of the same shape, measured in
+// the same run: SBP Get round trips, a plain CDB payload stream, the idle cost of a
+// connected pair, 256 pairs in one process, and the library's footprint. Prints one table
+// and the same figures as JSON (tools/bench.sh runs it after the codec benchmark).
+//
+//   e2e_bench [--quick] [--verbose] [--rounds=N] [--idle-seconds=S] [--pairs=N] [--json=PATH]
+//             [--so=LABEL=PATH]...
+//
+// --so names a stripped copy of the shared object whose size goes into the table (the
+// label says for which target: x86_64, arm32).
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "HeapCounter.h"
+#include "Measure.h"
+#include "Report.h"
+#include "SdkPair.h"
+#include "TcpFloor.h"
+#include "zelcdbsdk.h"
+
+namespace {
+
+using namespace e2e;
+
+struct Options {
+    int rounds = 3;
+    int samples = 5000;  // timed round trips per round and value size
+    int closedLoopCount = 5000;
+    double streamSeconds = 1.0;
+    double idleSeconds = 10;
+    int pairs = 256;
+    int getsEach = 100;
+    std::string jsonPath;
+    std::vector<std::pair<std::string, std::string>> sharedObjects;  // label, path
+};
+
+// Wire sizes of one SBP Get and its answer, so that the floor moves the same bytes: a CDB
+// header (4) and ServicePayload header (3) around the SBP packet, which is 20 bytes without
+// data and 16 plus the data with it.
+constexpr size_t kGetWireSize = 4 + 3 + 20;
+size_t answerWireSize(size_t value) {
+    return 4 + 3 + 16 + value;
+}
+// A ServicePayload write of the floor: the 8100 bytes and a 4-byte header.
+constexpr size_t kStreamWriteSize = 8104;
+constexpr int kStreamWindow = 2 * SdkPair::kAckEvery;
+
+bool parse(int argc, char** argv, Options* options) {
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        auto value = [&](const char* name) -> const char* {
+            size_t length = std::strlen(name);
+            return arg.compare(0, length, name) == 0 ? argv[i] + length : nullptr;
+        };
+        if (arg == "--verbose") {
+            SdkPair::setVerbose(true);
+        } else if (arg == "--quick") {
+            options->rounds = 1;
+            options->samples = 1000;
+            options->closedLoopCount = 1000;
+            options->streamSeconds = 0.3;
+            options->idleSeconds = 2;
+            options->pairs = 32;
+            options->getsEach = 20;
+        } else if (const char* v = value("--rounds=")) {
+            options->rounds = std::max(1, std::atoi(v));
+        } else if (const char* v = value("--idle-seconds=")) {
+            options->idleSeconds = std::atof(v);
+        } else if (const char* v = value("--pairs=")) {
+            options->pairs = std::max(1, std::atoi(v));
+        } else if (const char* v = value("--json=")) {
+            options->jsonPath = v;
+        } else if (const char* v = value("--so=")) {
+            const char* eq = std::strchr(v, '=');
+            if (!eq) return false;
+            options->sharedObjects.emplace_back(std::string(v, eq), eq + 1);
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string firstLine(const char* path, const char* prefix) {
+    std::ifstream file(path);
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line.compare(0, std::strlen(prefix), prefix) == 0) {
+            size_t colon = line.find(':');
+            return colon == std::string::npos ? line : line.substr(colon + 2);
+        }
+    }
+    return "unknown";
+}
+
+std::string loadText() {
+    double load[3] = {0, 0, 0};
+    getloadavg(load, 3);
+    char text[64];
+    std::snprintf(text, sizeof text, "%.2f %.2f %.2f", load[0], load[1], load[2]);
+    return text;
+}
+
+void describeMachine(Report& report) {
+    utsname names{};
+    uname(&names);
+    char date[32];
+    time_t now = time(nullptr);
+    strftime(date, sizeof date, "%Y-%m-%d %H:%M UTC", gmtime(&now));
+    report.note("date", date);
+    report.note("cpu", firstLine("/proc/cpuinfo", "model name"));
+    report.note("cores", std::to_string(std::thread::hardware_concurrency()));
+    report.note("kernel", std::string(names.sysname) + " " + names.release + " " + names.machine);
+    report.note("compiler", __VERSION__);
+    report.note("load before", loadText());
+}
+
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void fail(const char* what, const std::string& detail = "") {
+    std::fprintf(stderr, "e2e_bench: %s%s%s\n", what, detail.empty() ? "" : ": ", detail.c_str());
+    std::exit(1);
+}
+
+// ---- 5. Footprint -------------------------------------------------------------------------
+
+// Heap bytes an idle connected pair holds, counted from before its endpoints exist (the
+// harness's own buffers are made first) until it has sat connected for a moment.
+double heapPerIdleEndpoint(const ZELCDBSDK& sdk) {
+    auto pair = std::make_unique<SdkPair>(sdk, 8, false);
+    heap::setCounting(true);
+    int64_t before = heap::liveBytes();
+    if (!pair->connect(20)) fail("footprint pair did not connect", pair->problems());
+    usleep(300000);
+    int64_t held = heap::liveBytes() - before;
+    heap::setCounting(false);
+    return static_cast<double>(held) / 2;
+}
+
+void reportSizes(const Options& options, Report& report) {
+    for (const auto& object : options.sharedObjects) {
+        struct stat info {};
+        if (stat(object.second.c_str(), &info) != 0) fail("cannot stat", object.second);
+        bool arm32 = object.first == "arm32";
+        report.addSdkOnly(
+            "so_stripped_" + object.first, "libzelcdbsdk.so.1 stripped, " + object.first, "KB",
+            static_cast<double>(info.st_size) / 1024, arm32 ? Goal::valueBelow(300) : Goal::none());
+    }
+}
+
+// ---- 1. Get round trips -------------------------------------------------------------------
+
+void roundTrips(const Options& options, SdkPair& pair, uint32_t value, Report& report) {
+    const std::string size = value == 8 ? "8 B" : "1 KB";
+    const std::string key = value == 8 ? "8b" : "1kb";
+    pair.setValueSize(value);
+    std::vector<int64_t> sdkSamples, tcpSamples;
+    int64_t sdkLoopCount = 0, sdkLoopNs = 0, tcpCount = 0, tcpNs = 0;
+    for (int round = 0; round < options.rounds; ++round) {
+        PingPongFigures floor =
+            tcpPingPong(kGetWireSize, answerWireSize(value), options.samples / 10, options.samples);
+        tcpSamples.insert(tcpSamples.end(), floor.roundTripsNs.begin(), floor.roundTripsNs.end());
+        tcpCount += floor.count;
+        tcpNs += floor.elapsedNs;
+
+        for (int i = 0; i < options.samples / 10; ++i) {
+            if (pair.timedGet() < 0) fail("Get went unanswered", pair.problems());
+        }
+        for (int i = 0; i < options.samples; ++i) {
+            int64_t roundTrip = pair.timedGet();
+            if (roundTrip < 0) fail("Get went unanswered", pair.problems());
+            sdkSamples.push_back(roundTrip);
+        }
+        int64_t elapsed = pair.closedLoop(options.closedLoopCount, 60);
+        if (elapsed < 0) fail("closed loop did not finish", pair.problems());
+        sdkLoopCount += options.closedLoopCount;
+        sdkLoopNs += elapsed;
+    }
+    report.add("get_" + key + "_app_p50", "SBP Get " + size + ", app thread waits, p50", "us",
+               quantile(sdkSamples, 0.5) / 1e3, quantile(tcpSamples, 0.5) / 1e3,
+               Goal::ratioAtMost(1.5));
+    report.add("get_" + key + "_app_p99", "SBP Get " + size + ", app thread waits, p99", "us",
+               quantile(sdkSamples, 0.99) / 1e3, quantile(tcpSamples, 0.99) / 1e3,
+               Goal::ratioAtMost(2));
+    report.add("get_" + key + "_closed_loop", "SBP Get " + size + ", closed loop in callback",
+               "RT/s", static_cast<double>(sdkLoopCount) / (static_cast<double>(sdkLoopNs) / 1e9),
+               static_cast<double>(tcpCount) / (static_cast<double>(tcpNs) / 1e9),
+               Goal::ratioAtLeast(0.6));
+}
+
+// Allocation calls of the whole process per operation, with nothing else running; the
+// floor allocates nothing per message.
+void allocations(SdkPair& pair, Report& report) {
+    pair.setValueSize(8);
+    const int count = 1000;
+    heap::setCounting(true);
+    int64_t before = heap::allocations();
+    for (int i = 0; i < count; ++i) {
+        if (pair.timedGet() < 0) fail("Get went unanswered", pair.problems());
+    }
+    int64_t appThread = heap::allocations() - before;
+    before = heap::allocations();
+    if (pair.closedLoop(count, 60) < 0) fail("closed loop did not finish", pair.problems());
+    int64_t closedLoop = heap::allocations() - before;
+    heap::setCounting(false);
+    report.add("allocs_get_app", "heap allocations per Get, app thread", "count",
+               static_cast<double>(appThread) / count, 0, Goal::none());
+    report.add("allocs_get_closed_loop", "heap allocations per Get, closed loop", "count",
+               static_cast<double>(closedLoop) / count, 0, Goal::none());
+}
+
+// ---- 2. Payload stream --------------------------------------------------------------------
+
+void stream(const Options& options, SdkPair& pair, Report& report) {
+    double sdkBytes = 0, sdkSeconds = 0, tcpBytes = 0, tcpSeconds = 0;
+    for (int round = 0; round < options.rounds; ++round) {
+        int64_t writes = 0;
+        double rate = tcpStream(kStreamWriteSize, SdkPair::kAckEvery, kStreamWindow,
+                                options.streamSeconds, &writes);
+        double bytes = static_cast<double>(writes) * kStreamWriteSize;
+        tcpBytes += bytes;
+        tcpSeconds += bytes / 1e6 / rate;
+        int64_t payloads = 0;
+        rate = pair.stream(options.streamSeconds, 0, kStreamWindow, &payloads);
+        if (rate <= 0) fail("payload stream failed", pair.problems());
+        bytes = static_cast<double>(payloads) * SdkPair::kStreamPayload;
+        sdkBytes += bytes;
+        sdkSeconds += bytes / 1e6 / rate;
+    }
+    report.add("stream_8100", "CDB ServicePayload stream, 8100 B, ack/64", "MB/s",
+               sdkBytes / 1e6 / sdkSeconds, tcpBytes / 1e6 / tcpSeconds, Goal::ratioAtLeast(0.8));
+
+    const int count = 64 * 16;
+    heap::setCounting(true);
+    int64_t before = heap::allocations();
+    int64_t payloads = 0;
+    if (pair.stream(0, count, kStreamWindow, &payloads) <= 0) fail("payload stream failed");
+    int64_t made = heap::allocations() - before;
+    heap::setCounting(false);
+    report.add("allocs_stream", "heap allocations per stream payload", "count",
+               static_cast<double>(made) / static_cast<double>(payloads), 0, Goal::none());
+}
+
+// ---- 3. Idle cost -------------------------------------------------------------------------
+
+// Process-wide figures, so each side is measured while the other does not exist: the
+// floor before the first endpoint pair is made, the SDK's pair after its other work.
+void idle(const Options& options, const IdleFigures& floor, Report& report) {
+    usleep(200000);  // the settling time the floor's pair gets too
+    Usage before = Usage::now();
+    int64_t start = nowNs();
+    usleep(static_cast<useconds_t>(options.idleSeconds * 1e6));
+    Usage after = Usage::now();
+    double seconds = static_cast<double>(nowNs() - start) / 1e9;
+    double cpuPercent = (after.cpuSeconds - before.cpuSeconds) / seconds * 100;
+    double wakeups =
+        static_cast<double>(after.voluntarySwitches - before.voluntarySwitches - 1) / seconds;
+    report.add("idle_cpu", "idle connected pair, CPU", "% core", cpuPercent,
+               floor.cpuSeconds / floor.seconds * 100, Goal::valueBelow(0.1));
+    report.add("idle_wakeups", "idle connected pair, wake-ups", "1/s", wakeups,
+               floor.wakeupsPerSecond, Goal::none());
+}
+
+// ---- 4. Scale -----------------------------------------------------------------------------
+
+template <typename Predicate>
+bool waitAll(Counter& progress, Predicate predicate, double seconds) {
+    int64_t deadline = nowNs() + static_cast<int64_t>(seconds * 1e9);
+    for (;;) {
+        int64_t seen = progress.get();
+        if (predicate()) return true;
+        int64_t left = deadline - nowNs();
+        if (left <= 0) return false;
+        progress.waitAtLeast(seen + 1, std::min(0.01, static_cast<double>(left) / 1e9));
+    }
+}
+
+void scale(const Options& options, const ZELCDBSDK& sdk, Report& report) {
+    const int n = options.pairs;
+    const std::string label = std::to_string(n) + " pairs";
+    ScaleFigures floor = tcpScale(n, options.getsEach, kGetWireSize, answerWireSize(8));
+    if (!floor.ok) fail("raw TCP pairs did not complete");
+
+    Counter progress;
+    std::vector<std::unique_ptr<SdkPair>> pairs;
+    for (int i = 0; i < n; ++i)
+        pairs.push_back(std::make_unique<SdkPair>(sdk, 8, false, &progress));
+    int64_t start = nowNs();
+    for (auto& pair : pairs) {
+        if (!pair->startServer()) fail("server endpoint did not start");
+    }
+    for (;;) {
+        std::vector<int> ports = listeningPorts();
+        size_t listening = 0;
+        for (auto& pair : pairs) {
+            if (std::find(ports.begin(), ports.end(), pair->port()) != ports.end()) {
+                ++listening;
+            } else if (pair->serverFailed()) {
+                pair->restartServer();
+            }
+        }
+        if (listening == pairs.size()) break;
+        if (nowNs() - start > 60e9) fail("servers did not listen");
+        usleep(1000);
+    }
+    for (auto& pair : pairs) {
+        if (!pair->startClient()) fail("client endpoint did not start");
+    }
+    auto allConnected = [&] {
+        bool all = true;
+        for (auto& pair : pairs) {
+            if (pair->clientFailed()) pair->restartClient();
+            all = all && pair->connected();
+        }
+        return all;
+    };
+    if (!waitAll(progress, allConnected, 60)) fail("pairs did not connect");
+    double connectMs = static_cast<double>(nowNs() - start) / 1e6;
+    auto allReady = [&] {
+        for (auto& pair : pairs) {
+            if (!pair->ready()) return false;
+        }
+        return true;
+    };
+    if (!waitAll(progress, allReady, 60)) fail("pairs' services did not start");
+
+    int64_t getsStart = nowNs();
+    for (auto& pair : pairs) pair->startClosedLoop(options.getsEach);
+    auto allDone = [&] {
+        for (auto& pair : pairs) {
+            if (!pair->closedLoopDone()) return false;
+        }
+        return true;
+    };
+    if (!waitAll(progress, allDone, 120)) fail("pairs' Gets did not finish");
+    double getsPerSecond = static_cast<double>(n) * options.getsEach /
+                           (static_cast<double>(nowNs() - getsStart) / 1e9);
+
+    double slowestStop = 0;
+    for (auto& pair : pairs) slowestStop = std::max(slowestStop, pair->stopClient());
+    for (auto& pair : pairs) slowestStop = std::max(slowestStop, pair->stopServer());
+    for (auto& pair : pairs) {
+        std::string problems = pair->problems();
+        if (!problems.empty()) fail("a pair reported", problems);
+    }
+    pairs.clear();
+
+    report.add("scale_connect", label + ": start and connect all", "ms", connectMs, floor.connectMs,
+               Goal::none());
+    report.add("scale_gets", label + ": " + std::to_string(options.getsEach) + " Gets each",
+               "Gets/s", getsPerSecond, floor.getsPerSecond, Goal::none());
+    report.add("scale_slowest_stop", label + ": slowest ZELCDBEndpointStop", "ms", slowestStop,
+               floor.slowestStopMs, Goal::valueBelow(50));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (!parse(argc, argv, &options)) {
+        std::fprintf(
+            stderr,
+            "usage: e2e_bench [--quick] [--verbose] [--rounds=N] [--idle-seconds=S] [--pairs=N] "
+            "[--json=PATH] [--so=LABEL=PATH]...\n");
+        return 2;
+    }
+    raiseDescriptorLimit();
+    ZELCDBSDK sdk;
+    if (ZELCDBSDKInitialize(&sdk, sizeof sdk) != ZELCDBErrorNone) fail("ZELCDBSDKInitialize");
+    if (!sdk.endpointCreate || !sdk.sourceCreate || !sdk.sinkCreate || !sdk.sinkSendGet ||
+        !sdk.sourceSendGetResponse || !sdk.endpointSendServicePayload) {
+        fail("this build of the library lacks endpoint or SBP entries");
+    }
+
+    Report report;
+    describeMachine(report);
+    int64_t runStart = nowNs();
+
+    std::fprintf(stderr, "footprint...\n");
+    double heapPerEndpoint = heapPerIdleEndpoint(sdk);
+    std::fprintf(stderr, "idle raw TCP pair (%.0f s)...\n", options.idleSeconds);
+    IdleFigures idleFloor = tcpIdlePair(options.idleSeconds);
+
+    auto pair = std::make_unique<SdkPair>(sdk, 8, true);
+    if (!pair->connect(20)) fail("endpoint pair did not connect", pair->problems());
+    std::fprintf(stderr, "round trips...\n");
+    roundTrips(options, *pair, 8, report);
+    roundTrips(options, *pair, 1024, report);
+    allocations(*pair, report);
+    std::fprintf(stderr, "stream...\n");
+    stream(options, *pair, report);
+    std::fprintf(stderr, "idle endpoint pair (%.0f s)...\n", options.idleSeconds);
+    idle(options, idleFloor, report);
+    std::string problems = pair->problems();
+    if (!problems.empty()) fail("the pair reported", problems);
+    pair.reset();
+
+    std::fprintf(stderr, "%d pairs...\n", options.pairs);
+    scale(options, sdk, report);
+
+    reportSizes(options, report);
+    report.addSdkOnly("heap_idle_endpoint", "heap held by one idle connected endpoint", "KB",
+                      heapPerEndpoint / 1024, Goal::none());
+
+    report.note("load after", loadText());
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.0f s", static_cast<double>(nowNs() - runStart) / 1e9);
+    report.note("duration", seconds);
+    report.printTable(stdout);
+    std::string json = report.json();
+    std::printf("\n%s", json.c_str());
+    if (!options.jsonPath.empty()) {
+        std::ofstream out(options.jsonPath);
+        out << json;
+    }
+    sdk.sdkUninitialize();
+    return 0;
+}
