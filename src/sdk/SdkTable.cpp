@@ -5,6 +5,7 @@
 #include "sbp/SBPCodecEntries.h"
 #include "sdk/EndpointEntries.h"
 #include "sdk/ErrorException.h"
+#include "sdk/SBPEntries.h"
 
 namespace zelcdbsdk {
 
@@ -41,6 +42,7 @@ ZELCDBSDK makeTable() {
     table.getErrorName = &getErrorName;
     table.hashName = &hashName;
     fillEndpointEntries(table);
+    fillSBPServiceEntries(table);
     fillSBPCodecEntries(table);
     return table;
 }

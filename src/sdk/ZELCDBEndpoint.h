@@ -122,6 +122,17 @@ public:
     void* endpointContext() override { return context_; }
     void enterCallback() override;
     void leaveCallback() override;
+    // The session as the SBP sinks and sources use it, on the endpoint thread.
+    bool hasSession() override { return session_ != nullptr; }
+    void sendServicePayload(uint16_t serviceId, const uint8_t* data, size_t length) override {
+        if (session_) session_->sendServicePayload(serviceId, data, length);
+    }
+    void sendServiceResponse(uint16_t serviceId, uint16_t code) override {
+        if (session_) session_->sendServiceResponse(serviceId, code);
+    }
+    void stopPeerService(uint16_t serviceId) override {
+        if (session_) session_->stopPeerService(serviceId);
+    }
 
 private:
     ZELCDBEndpoint(int32_t mode, void* context);
