@@ -8,6 +8,10 @@ need=()
 have() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
 want() { for p in "$@"; do have "$p" || need+=("$p"); done; }
 want cmake ninja-build g++ clang clang-format libgtest-dev libgmock-dev googletest libbenchmark-dev libclang-rt-14-dev
+# zelcdb's argument parser and JSON: header-only, so the same packages serve the ARM build.
+want libcli11-dev nlohmann-json3-dev
+# zelcdb's end-to-end test driver.
+want python3
 for extra in "$@"; do
   case "$extra" in
     arm) want g++-arm-linux-gnueabihf qemu-user ;;

@@ -1,0 +1,48 @@
+// The library's function table and the few protocol constants that zelcdb names.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "zelcdbsdk.h"
+
+namespace zelcdb {
+
+// The table filled by ZELCDBSDKInitialize; throws a Failure if the library refuses.
+const ZELCDBSDK& sdk();
+// Throws a Failure unless the library offers endpoints and SBP services (a build that
+// has only the codec leaves their entries NULL).
+void requireEndpoints();
+
+constexpr uint32_t kCommandGet = 0xB1;
+constexpr uint32_t kCommandSet = 0xB2;
+constexpr uint32_t kCommandSubscribe = 0xB3;
+constexpr uint32_t kCommandCancel = 0xB4;
+constexpr uint32_t kCommandAlive = 0xB5;
+constexpr uint32_t kSubscribePeriodic = 0;
+constexpr uint32_t kSubscribeOnChange = 1;
+constexpr uint32_t kSubscribeEither = 2;
+// The largest interval a Subscribe can carry: it travels in 24 bits.
+constexpr uint32_t kMaxInterval = 0xFFFFFF;
+constexpr uint32_t kResultOk = 0;
+constexpr uint32_t kResultNotSupported = 0x10000002;
+// CDB ServiceResponse codes a service start or stop is answered with.
+constexpr uint16_t kServiceStarted = 1;
+constexpr uint16_t kServiceStopped = 2;
+
+// "NetworkError (5)".
+std::string errorText(ZELCDBError error);
+// "0x10000003 (invalid subscription interval)".
+std::string resultText(uint32_t result);
+uint32_t hashName(const std::string& name);
+// "0x4001", "0x1a2b3c4d".
+std::string hex16(uint16_t value);
+std::string hex32(uint32_t value);
+std::string toHex(const uint8_t* data, size_t size);
+// Hex digits, optionally with spaces, colons or a leading 0x; throws Failure on others.
+std::vector<uint8_t> fromHex(const std::string& text);
+// A number in decimal or 0x hex that fits in 32 bits; false if the text is not one.
+bool parseNumber(const std::string& text, uint32_t& value);
+
+}  // namespace zelcdb

@@ -1,0 +1,231 @@
+// zelcdb: use CDB and SBP services from a terminal, through libzelcdbsdk.so.1.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <cstdio>
+
+#include "ClientCommands.h"
+#include "Console.h"
+#include "Failure.h"
+#include "Inbox.h"
+#include "Server.h"
+
+namespace {
+
+using namespace zelcdb;
+
+const char* const kFooter = R"(
+Exit codes:
+  0    done; Ctrl-C is the normal end of serve, listen, and subscribe without --count
+  1    the peer refused a request or answered with an error
+  2    bad command line or value: unknown option, value of the wrong type, bad JSON or hex
+  3    cannot connect, or the connection was lost
+  4    unknown service or element
+  5    time-out: the peer did not answer in time
+  6    the element file cannot be read or is malformed
+  130  interrupted by Ctrl-C)";
+
+void addConnect(CLI::App* command, ConnectOptions& connect) {
+    command->add_option("URL", connect.url, "the peer, cdb://IPV4-ADDRESS:PORT")->required();
+    command
+        ->add_option("--timeout", connect.timeoutMs,
+                     "milliseconds to wait for the connection and for each answer")
+        ->default_val(5000)
+        ->check(CLI::Range(1, 3600000));
+    command->add_flag("--server", connect.waitForPeer,
+                      "be the server endpoint: wait for the peer to connect to URL");
+}
+
+void addService(CLI::App* command, ServiceArgs& service) {
+    addConnect(command, service.connect);
+    command->add_option("SERVICE", service.service, "the peer's service, by name or by ID")
+        ->required();
+}
+
+void addElementOptions(CLI::App* command, ElementArgs& elements) {
+    command->add_flag("--uid", elements.byUid,
+                      "ELEMENT is a UID (decimal or 0x hex), not a name to hash");
+    command->add_option("--elements", elements.elementFile,
+                        "element file to take names and types from (as for serve)");
+    command->add_option("-n,--name", elements.names,
+                        "more names to show in answers, such as structure members");
+    command->add_flag("--raw", elements.raw, "SBP data as hex instead of JSON");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{
+        "zelcdb: offer, list and use CDB and SBP services from a terminal.\n"
+        "Values are printed as one JSON object per line, keyed by element name (or by UID\n"
+        "in hex where the name is not known)."};
+    app.name("zelcdb");
+    app.footer(kFooter);
+    app.fallthrough();
+    app.require_subcommand(1);
+    int verbosity = 0;
+    app.add_flag("-v,--verbose", verbosity,
+                 "show the library's log: -v errors, warnings and information, -vv all");
+
+    ServeArgs serve;
+    CLI::App* serveCommand = app.add_subcommand(
+        "serve", "offer an SBP service whose elements come from a JSON element file");
+    serveCommand->add_option("URL", serve.url, "where to listen, cdb://IPV4-ADDRESS:PORT")
+        ->required();
+    serveCommand->add_option("--elements", serve.elementFile, "the element file")->required();
+    serveCommand->add_option("--service", serve.service,
+                             "service name and version, NAME[:MAJOR.MINOR] (default: the "
+                             "file's \"service\", else zelcdb:1.0)");
+    serveCommand->add_flag("--client", serve.client,
+                           "connect to URL as the client endpoint instead of listening");
+    serveCommand->add_option("--echo", serve.echo,
+                             "also offer a plain CDB service of this name that repeats every "
+                             "payload to every peer that started it");
+
+    ConnectOptions servicesConnect;
+    bool servicesJson = false;
+    CLI::App* servicesCommand =
+        app.add_subcommand("services", "connect and list the peer's services");
+    addConnect(servicesCommand, servicesConnect);
+    servicesCommand->add_flag("--json", servicesJson, "one JSON object per service");
+
+    ServiceArgs getService;
+    ElementArgs getElements;
+    CLI::App* getCommand = app.add_subcommand("get", "read elements of an SBP service");
+    addService(getCommand, getService);
+    getCommand->add_option("ELEMENT", getElements.elements, "element names (or UIDs with --uid)")
+        ->required();
+    addElementOptions(getCommand, getElements);
+
+    ServiceArgs setService;
+    ElementArgs setElements;
+    std::string setElement, setValue, setType;
+    CLI::App* setCommand = app.add_subcommand(
+        "set",
+        "write an element of an SBP service. VALUE is JSON; a bare word is a string.\n"
+        "Without --type or --elements the element is read first to learn its type, and\n"
+        "structure members left out keep their values.");
+    addService(setCommand, setService);
+    setCommand->add_option("ELEMENT", setElement, "element name (or UID with --uid)")->required();
+    setCommand->add_option("VALUE", setValue, "the value: JSON, or hex SBP data with --raw")
+        ->required();
+    setCommand->add_option("--type", setType,
+                           "send a scalar of this type without reading the element first: "
+                           "boolean, byte, short, int, long, float, double, bytes, string");
+    addElementOptions(setCommand, setElements);
+
+    ServiceArgs subscribeService;
+    ElementArgs subscribeElements;
+    std::string subscribeElement;
+    SubscribeArgs subscribe;
+    bool onChange = false;
+    CLI::App* subscribeCommand = app.add_subcommand(
+        "subscribe", "print the updates of an element, periodic or on change; Ctrl-C cancels");
+    addService(subscribeCommand, subscribeService);
+    subscribeCommand->add_option("ELEMENT", subscribeElement, "element name (or UID with --uid)")
+        ->required();
+    CLI::Option* periodicOption =
+        subscribeCommand->add_option("--periodic", subscribe.periodicMs, "an update every MS ms")
+            ->check(CLI::Range(1u, 0xFFFFFFu));
+    CLI::Option* onChangeOption =
+        subscribeCommand->add_flag("--on-change", onChange, "an update when the value changes");
+    periodicOption->excludes(onChangeOption);
+    subscribeCommand
+        ->add_option("--count", subscribe.count,
+                     "updates to print before cancelling (default: until Ctrl-C)")
+        ->check(CLI::Range(0, INT_MAX));
+    addElementOptions(subscribeCommand, subscribeElements);
+
+    ServiceArgs aliveService;
+    int aliveCount = 1;
+    double aliveInterval = 1.0;
+    CLI::App* aliveCommand =
+        app.add_subcommand("alive", "send SBP Alive requests and print each answer");
+    addService(aliveCommand, aliveService);
+    aliveCommand->add_option("--count", aliveCount, "how many")->check(CLI::Range(1, INT_MAX));
+    aliveCommand->add_option("--interval", aliveInterval, "seconds between them")
+        ->check(CLI::Range(0.0, 3600.0));
+
+    ServiceArgs sendService;
+    std::string sendHex;
+    int sendReplies = 0;
+    CLI::App* sendCommand = app.add_subcommand("send", "send one payload on a plain CDB service");
+    addService(sendCommand, sendService);
+    sendCommand->add_option("HEX", sendHex, "the payload in hex, such as 0102ff")->required();
+    sendCommand->add_option("--replies", sendReplies, "payloads to wait for and print, in hex")
+        ->check(CLI::Range(0, INT_MAX));
+
+    ServiceArgs listenService;
+    int listenCount = 0;
+    CLI::App* listenCommand = app.add_subcommand(
+        "listen", "print the payloads of a plain CDB service in hex, one per line");
+    addService(listenCommand, listenService);
+    listenCommand->add_option("--count", listenCount, "payloads to print (default: until Ctrl-C)")
+        ->check(CLI::Range(0, INT_MAX));
+
+    // CLI11 would only say that a command is missing.
+    for (int i = 1; i < argc; ++i) {
+        if (argv[i][0] == '-') continue;
+        bool known = false;
+        std::string list;
+        for (const CLI::App* command : app.get_subcommands({})) {
+            known = known || command->get_name() == argv[i];
+            list += (list.empty() ? "" : ", ") + command->get_name();
+        }
+        if (!known) {
+            std::fprintf(stderr, "zelcdb: unknown command '%s' (%s)\n", argv[i], list.c_str());
+            return kExitUsage;
+        }
+        break;
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) return app.exit(e);  // --help
+        std::fprintf(stderr, "zelcdb: %s (see zelcdb --help)\n", e.what());
+        return kExitUsage;
+    }
+    if (*subscribeCommand && !onChange && subscribe.periodicMs == 0) {
+        std::fprintf(stderr, "zelcdb: subscribe needs --periodic MS or --on-change\n");
+        return kExitUsage;
+    }
+
+    console::setVerbosity(verbosity);
+    watchInterrupts();
+    auto run = [&]() -> int {
+        try {
+            if (*serveCommand) return runServe(serve);
+            if (*servicesCommand) return runServices(servicesConnect, servicesJson);
+            if (*getCommand) return runGet(getService, getElements);
+            if (*setCommand) {
+                setElements.elements = {setElement};
+                return runSet(setService, setElements, setValue, setType);
+            }
+            if (*subscribeCommand) {
+                subscribeElements.elements = {subscribeElement};
+                return runSubscribe(subscribeService, subscribeElements, subscribe);
+            }
+            if (*aliveCommand) return runAlive(aliveService, aliveCount, aliveInterval);
+            if (*sendCommand) return runSend(sendService, sendHex, sendReplies);
+            if (*listenCommand) return runListen(listenService, listenCount);
+        } catch (const Failure& failure) {
+            console::message(failure.what());
+            return failure.exitCode();
+        } catch (const Interrupted&) {
+            console::message("interrupted");
+            return kExitInterrupted;
+        } catch (const std::exception& e) {
+            console::message(std::string("internal error: ") + e.what());
+            return kExitRefused;
+        }
+        return kExitUsage;
+    };
+    int code = run();
+    if (Session::abandonedAny()) {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        _exit(code);
+    }
+    return code;
+}
