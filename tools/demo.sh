@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds the library and runs the demo, which loads libzelcdbsdk.so.1 with dlopen.
+# Builds the library and runs the demo: a server and a client endpoint of one process talking
+# SBP over loopback, the library loaded with dlopen as a customer's application may.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
