@@ -208,10 +208,6 @@ public:
         }
         return found;
     }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.clear();
-    }
 
 private:
     int countLocked(const std::string& line) {
