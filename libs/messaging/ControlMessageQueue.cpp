@@ -120,6 +120,8 @@ void ControlMessageQueue::threadBody() {
     {
         MutexLock lock(*queueMutex_);
         initialised = initialiseInThread();
+        unreadBytes_ = 0;  // a new pipe
+        unsignalled_ = false;
         // A thread that failed still has to be joined, even after an earlier join().
         state_ = initialised ? kRunning : kStopped;
         MutexLock startLock(*startMutex_);
@@ -138,6 +140,19 @@ void ControlMessageQueue::threadBody() {
     finish(true);
 }
 
+void ControlMessageQueue::enqueue(std::unique_ptr<ControlMessage>& message, bool signal) {
+    std::unique_ptr<QueuedMessage> entry(new QueuedMessageActionedAsynchronously(message.get()));
+    message.release();
+    queue_.push_back(entry.get());
+    entry.release();
+    if (signal) {
+        notify();
+        ++unreadBytes_;
+    } else {
+        unsignalled_ = true;
+    }
+}
+
 void ControlMessageQueue::postAsynchronously(ControlMessage* message) {
     std::unique_ptr<ControlMessage> owned(message);
     if (!message) return;
@@ -147,11 +162,19 @@ void ControlMessageQueue::postAsynchronously(ControlMessage* message) {
         owned->action();
         return;
     }
-    std::unique_ptr<QueuedMessage> entry(new QueuedMessageActionedAsynchronously(message));
-    owned.release();
-    queue_.push_back(entry.get());
-    entry.release();
-    notify();
+    enqueue(owned, true);
+}
+
+void ControlMessageQueue::postFromServicer(ControlMessage* message) {
+    std::unique_ptr<ControlMessage> owned(message);
+    if (!message) return;
+    MutexLock lock(*queueMutex_);
+    if (state_ != kRunning) {
+        lock.unlock();
+        owned->action();
+        return;
+    }
+    enqueue(owned, false);
 }
 
 int ControlMessageQueue::postSynchronously(ControlMessage& message) {
@@ -167,6 +190,7 @@ int ControlMessageQueue::postSynchronously(ControlMessage& message) {
     // this thread has taken it back and let go of it.
     ++syncPosters_;
     notify();
+    ++unreadBytes_;
     int result = 0;
     std::exception_ptr error;
     try {
@@ -183,10 +207,14 @@ void ControlMessageQueue::serviceMessages() {
     for (;;) {
         MutexLock lock(*queueMutex_);
         // One byte per message keeps the pipe no fuller than the queue. A message whose
-        // byte could not be written (pipe full) is performed all the same: the loop stops
-        // on an empty queue, not on a missing byte.
-        consumeNotification();
-        if (queue_.empty()) return;
+        // byte could not be written (pipe full), or that was queued by this thread without
+        // one, is performed all the same: the loop stops on an empty queue, not on a
+        // missing byte.
+        if (queue_.empty()) {
+            unsignalled_ = false;
+            return;
+        }
+        if (unreadBytes_ > 0) unreadBytes_ = consumeNotification() ? unreadBytes_ - 1 : 0;
         QueuedMessage* entry = queue_.front();
         queue_.pop_front();
         lock.unlock();
@@ -198,6 +226,7 @@ void ControlMessageQueue::finish(bool perform) {
     MutexLock lock(*queueMutex_);
     if (state_ != kRunning) return;
     closeWakeup();
+    unreadBytes_ = 0;
     // Other threads may still queue behind us while the lock is released: they are served
     // too, since the state only changes once the queue is empty.
     while (!queue_.empty()) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <deque>
 #include <exception>
+#include <memory>
 
 namespace messaging {
 
@@ -115,6 +117,15 @@ public:
     // performed on the servicing thread. Otherwise it is performed at once on the calling
     // thread and deleted; an exception from its action propagates to the caller.
     void postAsynchronously(ControlMessage* message);
+    // postAsynchronously() for the servicing thread itself, whose event loop asks
+    // hasUnsignalledMessages() before it waits: the message is queued without a wake-up
+    // byte, since nobody waits for one, and saves the loop a write and a read. Only for a
+    // loop that asks; on any other thread use postAsynchronously().
+    void postFromServicer(ControlMessage* message);
+    // True when messages queued by postFromServicer() have not been serviced yet; the loop
+    // then services the queue without waiting, as it would for a readable descriptor.
+    // Servicing thread only.
+    bool hasUnsignalledMessages() const { return unsignalled_; }
     // Queues the caller's message and waits until the servicing thread has performed it;
     // returns the action's result, or rethrows what the action threw. Performs it at once
     // on the calling thread when not running, and also on the servicing thread itself
@@ -122,7 +133,8 @@ public:
     int postSynchronously(ControlMessage& message);
 
     // Called by the servicing thread's event loop when the wake-up descriptor is readable:
-    // performs the queued messages in order, consuming one wake-up byte for each.
+    // performs the queued messages in order, consuming one wake-up byte for each that came
+    // with one.
     // Exceptions from an action propagate to the loop; that entry is already freed and
     // later entries stay queued.
     void serviceMessages();
@@ -170,6 +182,10 @@ protected:
 private:
     enum State : int { kRunning = 0, kStopped = 1, kJoined = 2 };
 
+    // Queues an owned message; signal writes its wake-up byte. Called with queueMutex_ held
+    // while running.
+    void enqueue(std::unique_ptr<ControlMessage>& message, bool signal);
+
     Servicer* servicer_;
     MutexFactory* factory_ = nullptr;
     Mutex* queueMutex_ = nullptr;
@@ -180,6 +196,12 @@ private:
     int state_ = kStopped;
     std::deque<QueuedMessage*> queue_;
     int syncPosters_ = 0;  // posters between queueing their entry and returning
+    // Wake-up bytes written and not yet read back: serviceMessages() reads only while some
+    // are owed, so an empty pipe is never asked. A byte whose write failed (pipe full) is
+    // counted too; the read that finds nothing then sets the count back to 0.
+    size_t unreadBytes_ = 0;
+    // Touched by the servicing thread only: postFromServicer() queued without a byte.
+    bool unsignalled_ = false;
     // State below is protected by startMutex_.
     bool startPending_ = false;
 };

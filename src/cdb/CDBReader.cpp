@@ -41,6 +41,14 @@ CDBReader::~CDBReader() = default;
 bool CDBReader::processMessages() {
     for (;;) {
         if (state_ == nullptr) throw rdr::NullStateException();
+        // Between two messages with no whole header buffered and no more to be had: the
+        // usual end of every batch, told here without the block exception that the header
+        // state would throw for it (an allocation and an unwind each time). The stream is
+        // left at the checkpoint either way.
+        if (state_ == &CDBReader::readHeader && in_.available() < kCDBHeaderLength &&
+            !in_.overrun(false, kCDBHeaderLength)) {
+            return false;
+        }
         bool completed;
         try {
             completed = (this->*state_)();

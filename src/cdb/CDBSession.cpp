@@ -157,7 +157,8 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
     fds[1].fd = owner_.wakeupDescriptor();
     fds[1].events = POLLIN | POLLPRI;
     fds[1].revents = 0;
-    int ready = ::poll(fds, 2, timeoutMs < 0 ? -1 : timeoutMs);
+    bool unsignalled = owner_.hasUnsignalledMessages();
+    int ready = ::poll(fds, 2, unsignalled ? 0 : timeoutMs < 0 ? -1 : timeoutMs);
     if (ready < 0 && errno == EINTR) return;
     constexpr short kReadable = POLLIN | POLLHUP | POLLERR;
     constexpr short kWritable = POLLOUT | POLLERR;
@@ -172,7 +173,7 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
     // Taken before the messages run: one of them may end the session while the socket is
     // still a listening or half-connected one, which must never be read as a stream.
     bool connecting = state_ == Connecting;
-    if (fds[1].revents & kReadable) owner_.serviceMessages();
+    if ((fds[1].revents & kReadable) || unsignalled) owner_.serviceMessages();
 
     if (connecting) {
         if (state_ == Connecting && (readable || writable) && completeConnection())
@@ -186,7 +187,10 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
         }
         if (!in_.receivedData()) throw plat::Exception("Connection lost");
     }
-    if (writable) out_.flushBuffer();
+    // What this turn wrote (answers, serviced messages) goes out now, in one send, instead
+    // of after one more wait whose only news would be that the socket has room; a socket
+    // without room takes nothing, and the next wait watches for room as before.
+    if (writable || out_.hasUnflushedData()) out_.flushBuffer();
 }
 
 void CDBSession::connectionEstablished() {

@@ -29,6 +29,10 @@ public:
     virtual int wakeupDescriptor() = 0;
     // The wake-up descriptor was readable: perform the queued control messages.
     virtual void serviceMessages() = 0;
+    // Control messages wait that this thread queued for itself without a wake-up byte: the
+    // session services them at its next wait without blocking, as if the descriptor were
+    // readable.
+    virtual bool hasUnsignalledMessages() { return false; }
 
     // The connection is established (status 2).
     virtual void sessionConnected() = 0;

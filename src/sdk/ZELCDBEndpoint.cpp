@@ -186,7 +186,14 @@ void ZELCDBEndpoint::post(Message& message) {
             message.action();
             return;
         }
-        queue_.postAsynchronously(message.clone());
+        // A call from inside a callback needs no wake-up: this thread's loop looks at the
+        // queue before it next waits (and what is left when the thread ends is performed
+        // then).
+        if (onEndpointThread()) {
+            queue_.postFromServicer(message.clone());
+        } else {
+            queue_.postAsynchronously(message.clone());
+        }
         return;
     }
     try {

@@ -111,6 +111,7 @@ public:
     plat::Logger* logger() override { return this; }
     int wakeupDescriptor() override { return queue_.getWakeupDescriptor(); }
     void serviceMessages() override { queue_.serviceMessages(); }
+    bool hasUnsignalledMessages() override { return queue_.hasUnsignalledMessages(); }
     void sessionConnected() override;
     void peerServicesChanged(zelcdbsdk::CDBVersion peerVersion,
                              const std::vector<const zelcdbsdk::CDBService*>& services,
