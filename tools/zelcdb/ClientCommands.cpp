@@ -100,21 +100,21 @@ private:
                                     (event.result ? ", " + resultText(event.result) : ""));
 }
 
-// Waits for the event that answers a request about uid: one of the kinds given, or an
-// error, which throws.
-Event answer(Session& session, uint32_t command, std::initializer_list<EventKind> kinds,
-             const Target& target, const std::string& request, bool mayBeUnknown = true) {
+// Waits for the answer to a request (command) about the target: an event of that kind,
+// or an error, which throws. The library times the request out after five seconds without
+// a word from the peer, and a peer that is still working says so in between; so there is
+// no deadline of our own here.
+Event answer(Session& session, uint32_t command, EventKind kind, const Target& target,
+             const std::string& request, bool mayBeUnknown = true) {
     for (;;) {
-        Event event = session.next("answer to " + request);
+        Event event = session.nextUntil(std::nullopt, "answer to " + request);
         if (event.uid != target.uid) continue;
         // Errors about other requests (such as the "cancelled" answer of a subscription
         // being cancelled) are not this request's.
         if (event.kind == EventKind::SbpError && event.command == command) {
             requestFailed(event, request, target, mayBeUnknown);
         }
-        for (EventKind kind : kinds) {
-            if (event.kind == kind) return event;
-        }
+        if (event.kind == kind) return event;
     }
 }
 
@@ -136,7 +136,7 @@ std::vector<uint8_t> getValue(Session& session, const Target& target) {
     std::string request = "Get " + target.label;
     check(sdk().sinkSendGet(session.endpoint(), session.serviceId(), nullptr, target.uid), request);
     for (;;) {
-        Event event = answer(session, kCommandGet, {EventKind::Data}, target, request);
+        Event event = answer(session, kCommandGet, EventKind::Data, target, request);
         if (event.command == kCommandGet) return event.data;
     }
 }
@@ -256,7 +256,7 @@ int runSet(const ServiceArgs& args, const ElementArgs& elementArgs, const std::s
     check(sdk().sinkSendSet(session.endpoint(), session.serviceId(), nullptr, target.uid,
                             data.data(), static_cast<uint32_t>(data.size())),
           request);
-    answer(session, kCommandSet, {EventKind::SetDone}, target, request, false);
+    answer(session, kCommandSet, EventKind::SetDone, target, request, false);
     console::line(elements.line(data));
     session.stop();
     return kExitOk;
@@ -276,7 +276,7 @@ int runSubscribe(const ServiceArgs& args, const ElementArgs& elementArgs,
                                   periodic ? kSubscribePeriodic : kSubscribeOnChange,
                                   periodic ? subscribe.periodicMs : 1000),
           request);
-    answer(session, kCommandSubscribe, {EventKind::Subscribed}, target, request);
+    answer(session, kCommandSubscribe, EventKind::Subscribed, target, request);
     console::note(
         "subscribed to " + target.label +
         (periodic ? ", every " + std::to_string(subscribe.periodicMs) + " ms" : ", on change"));
@@ -301,7 +301,7 @@ int runSubscribe(const ServiceArgs& args, const ElementArgs& elementArgs,
                                kCommandSubscribe),
           cancel);
     try {
-        answer(session, kCommandCancel, {EventKind::Cancelled}, target, cancel);
+        answer(session, kCommandCancel, EventKind::Cancelled, target, cancel);
     } catch (const Failure& e) {
         console::message(e.what());
     }

@@ -153,6 +153,15 @@ std::vector<uint8_t> fromHex(const std::string& text) {
     return bytes;
 }
 
+bool isBadHost(const std::string& libraryError) {
+    return libraryError.compare(0, 15, "Invalid CDB URL") == 0;
+}
+
+std::string badHostMessage(const std::string& url) {
+    return "invalid URL '" + url + "': the host must be a numeric IPv4 address (names are not " +
+           "looked up)";
+}
+
 bool parseNumber(const std::string& text, uint32_t& value) {
     if (text.empty() || text[0] == '-' || text[0] == '+' ||
         std::isspace(static_cast<unsigned char>(text[0]))) {

@@ -42,6 +42,10 @@ std::string hex32(uint32_t value);
 std::string toHex(const uint8_t* data, size_t size);
 // Hex digits, optionally with spaces, colons or a leading 0x; throws Failure on others.
 std::vector<uint8_t> fromHex(const std::string& text);
+// The library accepts a URL whose host is not a numeric address, and then fails to resolve
+// it on the endpoint thread with this complaint.
+bool isBadHost(const std::string& libraryError);
+std::string badHostMessage(const std::string& url);
 // A number in decimal or 0x hex that fits in 32 bits; false if the text is not one.
 bool parseNumber(const std::string& text, uint32_t& value);
 

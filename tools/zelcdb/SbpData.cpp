@@ -539,7 +539,7 @@ std::optional<std::string> mismatch(const Value& value, const Type& type) {
         return std::nullopt;
     };
     if (type.kind == Kind::Structure) return membersOf(value, "");
-    if (type.kind == Kind::StructureArray) {
+    if (type.kind == Kind::StructureArray && type.membersKnown) {
         for (size_t i = 0; i < value.children.size(); ++i) {
             if (auto why = membersOf(value.children[i], "[" + std::to_string(i) + "] ")) return why;
         }

@@ -407,6 +407,8 @@ int Server::run() {
         close(connection);
         if (wasConnected) {
             console::note(who + " left");
+        } else if (isBadHost(detail)) {
+            throw Failure(kExitUsage, badHostMessage(args_.url));
         } else if (!args_.client) {
             throw Failure(kExitConnection, "cannot listen on " + args_.url + ": " +
                                                (detail.empty() ? errorText(event->error) : detail));

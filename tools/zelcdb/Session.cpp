@@ -195,6 +195,7 @@ void Session::connectionEnded(ZELCDBError error) {
     const std::string prefix = "Caught exception: ";
     if (detail.compare(0, prefix.size(), prefix) == 0) detail = detail.substr(prefix.size());
     if (detail.empty()) detail = errorText(error);
+    if (isBadHost(detail)) throw Failure(kExitUsage, badHostMessage(options_.url));
     if (!connected_) {
         throw Failure(kExitConnection, "cannot connect to " + options_.url + ": " + detail);
     }

@@ -30,7 +30,8 @@ void addConnect(CLI::App* command, ConnectOptions& connect) {
     command->add_option("URL", connect.url, "the peer, cdb://IPV4-ADDRESS:PORT")->required();
     command
         ->add_option("--timeout", connect.timeoutMs,
-                     "milliseconds to wait for the connection and for each answer")
+                     "milliseconds to wait for the connection, the peer's list of services "
+                     "and each reply; SBP requests time out after 5 s of silence")
         ->default_val(5000)
         ->check(CLI::Range(1, 3600000));
     command->add_flag("--server", connect.waitForPeer,
@@ -104,7 +105,7 @@ int main(int argc, char** argv) {
     CLI::App* setCommand = app.add_subcommand(
         "set",
         "write an element of an SBP service. VALUE is JSON; a bare word is a string.\n"
-        "Without --type or --elements the element is read first to learn its type, and\n"
+        "Unless --type or --raw is given, the element is read first to learn its type, and\n"
         "structure members left out keep their values.");
     addService(setCommand, setService);
     setCommand->add_option("ELEMENT", setElement, "element name (or UID with --uid)")->required();
