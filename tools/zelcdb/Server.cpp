@@ -1,5 +1,6 @@
 #include "Server.h"
 
+#include <atomic>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -38,7 +39,7 @@ public:
 
     struct Connection {
         Server* server = nullptr;
-        int number = 0;
+        int number = 0;  // set when the peer connects
         ZELCDBEndpoint* endpoint = nullptr;
         uint16_t sbpId = 0;
         uint16_t echoId = 0;
@@ -75,7 +76,7 @@ private:
     ServiceName service_;
     std::mutex mutex_;
     std::list<std::unique_ptr<Connection>> connections_;  // guarded by mutex_
-    int opened_ = 0;
+    std::atomic<int> peers_{0};                           // peers that connected so far
 };
 
 Server::Connection& connectionOf(void* context) {
@@ -175,7 +176,12 @@ const ZELCDBEndpointCallbacks Server::kEndpointCallbacks = {
             connection.lastError = text;
         }
     },
-    [](ZELCDBEndpoint* e, void*, int32_t status, ZELCDBError error) {
+    [](ZELCDBEndpoint* e, void* c, int32_t status, ZELCDBError error) {
+        // Numbered on the endpoint's own thread, before any request of the peer arrives.
+        if (status == ZELCDBStatusConnected) {
+            Connection& connection = connectionOf(c);
+            connection.number = ++connection.server->peers_;
+        }
         Event event(EventKind::EndpointStatus);
         event.endpoint = e;
         event.status = status;
@@ -285,7 +291,6 @@ void Server::echo(Connection& c, const uint8_t* data, uint32_t length) {
 void Server::open() {
     auto connection = std::make_unique<Connection>();
     connection->server = this;
-    connection->number = ++opened_;
     ZELCDBEndpointParameters parameters{};
     parameters.url = args_.url.c_str();
     parameters.mode = args_.client ? ZELCDBEndpointModeClient : ZELCDBEndpointModeServer;
