@@ -47,6 +47,11 @@ public:
 
     int timerFired(plat::Timer&) override { return owner_->requestTimedOut(*this); }
 
+    SBPRequestOwner* owner() const { return owner_; }
+    // Makes a stopped record as new for another request of the same owner.
+    void reset(uint32_t newCommand, uint32_t newUid, uint16_t newPacketId, uint32_t newExtra,
+               void* newContext);
+
     uint32_t command;
     uint32_t uid;
     uint16_t packetId;
@@ -75,11 +80,18 @@ public:
     SBPRequest* findByPacketId(uint16_t packetId) const;
     SBPRequest* find(uint32_t command, uint32_t uid) const;
 
+    // A record for a new request: the one kept from the last removal when it has the same
+    // owner, else a new one; null when memory runs out.
+    std::unique_ptr<SBPRequest> newRequest(SBPRequestOwner* owner, uint32_t command, uint32_t uid,
+                                           uint16_t packetId, uint32_t extra = 0,
+                                           void* context = nullptr);
+
     // Takes the request, first removing any request that holds its packetId or its
     // (command, uid), and starts its timer with timeoutMs. Throws std::bad_alloc (the
     // request is then destroyed).
     SBPRequest& add(std::unique_ptr<SBPRequest> request, int timeoutMs);
-    // Stops the request's timer, forgets both its keys and destroys it.
+    // Stops the request's timer and forgets both its keys; the record is destroyed, or kept
+    // for newRequest().
     void remove(SBPRequest& request);
     // Removes every request, as when the service ends.
     void clear();
@@ -99,10 +111,22 @@ public:
 
 private:
     using Key = std::pair<uint32_t, uint32_t>;  // (command, uid)
+    using ByKey = std::map<Key, uint16_t>;
+    using ByPacketId = std::map<uint16_t, std::unique_ptr<SBPRequest>>;
 
-    std::map<Key, uint16_t> byKey_;
-    std::map<uint16_t, std::unique_ptr<SBPRequest>> byPacketId_;
+    // Enter an index entry, in a kept node when there is one. Both throw std::bad_alloc.
+    ByPacketId::iterator insertPacketId(uint16_t packetId);
+    void setKey(const Key& key, uint16_t packetId);
+
+    ByKey byKey_;
+    ByPacketId byPacketId_;
     uint16_t nextPacketId_ = 0;
+    // What the last removal left, kept for the next request: a sink or source that has one
+    // request out at a time (a Get and its answer, over and over) then allocates nothing
+    // per request. The node of byPacketId_ is kept empty; the record is stopped.
+    ByKey::node_type spareKeyNode_;
+    ByPacketId::node_type sparePacketIdNode_;
+    std::unique_ptr<SBPRequest> spareRecord_;
 };
 
 }  // namespace zelcdbsdk

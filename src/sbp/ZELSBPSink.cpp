@@ -71,8 +71,8 @@ SBPRequest* ZELSBPSink::sendRequest(uint8_t command, uint32_t uid, uint32_t comm
                     zelcdbsdk::kSBPResultNoFreePacketId);
         return nullptr;
     }
-    std::unique_ptr<SBPRequest> request(
-        new (std::nothrow) SBPRequest(this, command, uid, packetId, extra, context));
+    std::unique_ptr<SBPRequest> request =
+        requests_.newRequest(this, command, uid, packetId, extra, context);
     if (!request) {
         reportError(context, command, uid, ZELCDBErrorOutOfMemory, 0);
         return nullptr;

@@ -123,8 +123,8 @@ void ZELSBPSource::respond(const SBPPacket& request, uint32_t result, const char
 }
 
 SBPRequest* ZELSBPSource::record(const SBPPacket& request) {
-    std::unique_ptr<SBPRequest> entry(
-        new (std::nothrow) SBPRequest(this, request.command, request.uid, request.packetId));
+    std::unique_ptr<SBPRequest> entry =
+        requests_.newRequest(this, request.command, request.uid, request.packetId);
     if (!entry) return nullptr;
     try {
         return &requests_.add(std::move(entry), kInterimMs);

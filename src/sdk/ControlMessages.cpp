@@ -1,6 +1,7 @@
 #include "sdk/ControlMessages.h"
 
 #include <cstring>
+#include <new>
 
 #include "cdb/CDBSession.h"
 #include "sdk/ZELCDBEndpoint.h"
@@ -11,21 +12,27 @@ namespace ControlMessages {
 namespace {
 
 // What SendServicePayloadMessage::clone() returns: the same message over its own copy of
-// the bytes, freed with it.
-class SendServicePayloadMessageDeepCopy : public SendServicePayloadMessage {
+// the bytes, which lives in the same block, behind the message, so that a queued payload
+// costs one allocation rather than two.
+class SendServicePayloadMessageDeepCopy final : public SendServicePayloadMessage {
 public:
-    explicit SendServicePayloadMessageDeepCopy(const SendServicePayloadMessage& message)
-        : SendServicePayloadMessage(message),
-          copy_(message.length() > 0 ? new uint8_t[message.length()] : nullptr) {
-        if (copy_) std::memcpy(copy_, message.data(), message.length());
-        setData(copy_);
+    // Throws std::bad_alloc.
+    static SendServicePayloadMessageDeepCopy* make(const SendServicePayloadMessage& message) {
+        uint32_t length = message.data() != nullptr ? message.length() : 0;
+        void* block = ::operator new(sizeof(SendServicePayloadMessageDeepCopy) + length);
+        uint8_t* bytes = static_cast<uint8_t*>(block) + sizeof(SendServicePayloadMessageDeepCopy);
+        if (length > 0) std::memcpy(bytes, message.data(), length);
+        return new (block) SendServicePayloadMessageDeepCopy(message, length > 0 ? bytes : nullptr);
     }
-    ~SendServicePayloadMessageDeepCopy() override { delete[] copy_; }
-    SendServicePayloadMessageDeepCopy(const SendServicePayloadMessageDeepCopy&) = delete;
-    SendServicePayloadMessageDeepCopy& operator=(const SendServicePayloadMessageDeepCopy&) = delete;
+    // The block is larger than the object: freed whole, never by size.
+    static void operator delete(void* block) { ::operator delete(block); }
 
 private:
-    uint8_t* copy_;
+    SendServicePayloadMessageDeepCopy(const SendServicePayloadMessage& message,
+                                      const uint8_t* bytes)
+        : SendServicePayloadMessage(message) {
+        setData(bytes);
+    }
 };
 
 }  // namespace
@@ -65,7 +72,7 @@ int SendServicePayloadMessage::action() {
 }
 
 messaging::ControlMessage* SendServicePayloadMessage::clone() const {
-    return new SendServicePayloadMessageDeepCopy(*this);
+    return SendServicePayloadMessageDeepCopy::make(*this);
 }
 
 int SendServiceResponseMessage::action() {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "cdb/CDBSession.h"
 #include "sbp/ZELSBPSink.h"
@@ -13,48 +14,37 @@ namespace ControlMessages {
 
 namespace detail {
 
-// A copy of the caller's bytes that lives as long as the queued message holding it.
-class OwnedBytes {
-public:
-    OwnedBytes(const uint8_t* data, uint32_t size)
-        : bytes_(size > 0 && data ? new uint8_t[size] : nullptr) {
-        if (bytes_) std::memcpy(bytes_.get(), data, size);
-    }
-    const uint8_t* get() const { return bytes_.get(); }
-
-private:
-    std::unique_ptr<uint8_t[]> bytes_;
-};
-
 // The deep copies that the four messages with caller bytes clone into: the same message
-// pointing at a copy of its own, freed with it.
+// pointing at a copy of its own. The copy lives in the same block, behind the message, so
+// that a queued message with data costs one allocation rather than two.
 template <typename Message>
-class DeepCopy : public Message {
+class DeepCopy final : public Message {
 public:
-    explicit DeepCopy(const Message& message) : Message(message), copy_(this->data_, this->size_) {
-        this->data_ = copy_.get();
+    // Throws std::bad_alloc.
+    static Message* make(const Message& message, const uint8_t* data, uint32_t size) {
+        bool copied = size > 0 && data != nullptr;
+        void* block = ::operator new(sizeof(DeepCopy) + (copied ? size : 0));
+        uint8_t* bytes = static_cast<uint8_t*>(block) + sizeof(DeepCopy);
+        if (copied) std::memcpy(bytes, data, size);
+        return new (block) DeepCopy(message, copied ? bytes : nullptr);
     }
+    // The block is larger than the object: freed whole, never by size.
+    static void operator delete(void* block) { ::operator delete(block); }
 
 private:
-    OwnedBytes copy_;
+    DeepCopy(const Message& message, const uint8_t* bytes) : Message(message) {
+        this->data_ = bytes;
+    }
 };
 
 }  // namespace detail
 
-class SBPSendSetMessageDeepCopy : public detail::DeepCopy<SBPSendSetMessage> {
-    using DeepCopy::DeepCopy;
-};
-class SBPSendServiceAuthResponseMessageDeepCopy
-    : public detail::DeepCopy<SBPSendServiceAuthResponseMessage> {
-    using DeepCopy::DeepCopy;
-};
-class SBPSendGetResponseMessageDeepCopy : public detail::DeepCopy<SBPSendGetResponseMessage> {
-    using DeepCopy::DeepCopy;
-};
-class SBPSendServiceAuthChallengeMessageDeepCopy
-    : public detail::DeepCopy<SBPSendServiceAuthChallengeMessage> {
-    using DeepCopy::DeepCopy;
-};
+using SBPSendSetMessageDeepCopy = detail::DeepCopy<SBPSendSetMessage>;
+using SBPSendServiceAuthResponseMessageDeepCopy =
+    detail::DeepCopy<SBPSendServiceAuthResponseMessage>;
+using SBPSendGetResponseMessageDeepCopy = detail::DeepCopy<SBPSendGetResponseMessage>;
+using SBPSendServiceAuthChallengeMessageDeepCopy =
+    detail::DeepCopy<SBPSendServiceAuthChallengeMessage>;
 
 ZELSBPSink* findSBPSink(ZELCDBEndpoint* endpoint, uint16_t peerServiceId) {
     CDBSession* session = endpoint->session();
@@ -82,7 +72,7 @@ int SBPSendSetMessage::action() {
     return 0;
 }
 messaging::ControlMessage* SBPSendSetMessage::clone() const {
-    return new SBPSendSetMessageDeepCopy(*this);
+    return SBPSendSetMessageDeepCopy::make(*this, data_, size_);
 }
 
 int SBPSendSubscribeMessage::action() {
@@ -122,7 +112,7 @@ int SBPSendServiceAuthResponseMessage::action() {
     return 0;
 }
 messaging::ControlMessage* SBPSendServiceAuthResponseMessage::clone() const {
-    return new SBPSendServiceAuthResponseMessageDeepCopy(*this);
+    return SBPSendServiceAuthResponseMessageDeepCopy::make(*this, data_, size_);
 }
 
 int SBPSendGetResponseMessage::action() {
@@ -132,7 +122,7 @@ int SBPSendGetResponseMessage::action() {
     return 0;
 }
 messaging::ControlMessage* SBPSendGetResponseMessage::clone() const {
-    return new SBPSendGetResponseMessageDeepCopy(*this);
+    return SBPSendGetResponseMessageDeepCopy::make(*this, data_, size_);
 }
 
 int SBPSendSetResponseMessage::action() {
@@ -162,7 +152,7 @@ int SBPSendServiceAuthChallengeMessage::action() {
     return 0;
 }
 messaging::ControlMessage* SBPSendServiceAuthChallengeMessage::clone() const {
-    return new SBPSendServiceAuthChallengeMessageDeepCopy(*this);
+    return SBPSendServiceAuthChallengeMessageDeepCopy::make(*this, data_, size_);
 }
 
 }  // namespace ControlMessages
