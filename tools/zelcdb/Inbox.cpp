@@ -9,10 +9,10 @@
 namespace zelcdb {
 
 void Inbox::post(Event event) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(std::move(event));
-    }
+    // Notified under the lock: once the main thread has the event it may be on its way out
+    // of the process, and the condition must not be touched after that.
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.push_back(std::move(event));
     changed_.notify_one();
 }
 
@@ -30,8 +30,10 @@ std::optional<Event> Inbox::wait(std::optional<Clock::time_point> deadline) {
 }
 
 Inbox& inbox() {
-    static Inbox instance;
-    return instance;
+    // Never destroyed: the signal thread, and an endpoint thread left to finish its ByeBye,
+    // may still post while the process ends.
+    static Inbox* instance = new Inbox;
+    return *instance;
 }
 
 void watchInterrupts() {
