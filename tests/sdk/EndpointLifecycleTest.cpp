@@ -307,7 +307,9 @@ TEST(EndpointSoak, CyclesLeaveNoThreadOrDescriptorBehind) {
             << "cycle " << i << ": " << stopped;
         ASSERT_EQ(app.destroy(), ZELCDBErrorNone);
     }
-    EXPECT_EQ(sdktest::threadCount(), threads);
+    // At most as many: a thread of an earlier test (or of qemu-user itself) may still have
+    // been ending when the baseline was taken.
+    EXPECT_LE(sdktest::threadCount(), threads);
     EXPECT_EQ(sdktest::descriptorCount(), descriptors);
 }
 
