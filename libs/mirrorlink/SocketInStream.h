@@ -18,6 +18,18 @@ public:
     bool receivedData() const { return receivedData_; }
     void clearReceivedData() { receivedData_ = false; }
 
+    // A batch of reads after a wait that found the socket readable: clears the
+    // received-data flag, and until endBatch() takes a read that left room in the buffer
+    // unfilled as the sign that the socket is empty, so the batch's next refill says
+    // "nothing now" without asking the socket only to hear EAGAIN. Bytes that arrive
+    // meanwhile make the next wait return at once.
+    void beginBatch() {
+        receivedData_ = false;
+        batch_ = true;
+        drained_ = false;
+    }
+    void endBatch() { batch_ = false; }
+
 protected:
     // Throws plat::SystemException "Network error" on any socket error.
     size_t readData(void* dest, size_t maxBytes) override;
@@ -25,6 +37,8 @@ protected:
 private:
     TcpSocket& socket_;
     bool receivedData_;
+    bool batch_ = false;
+    bool drained_ = false;  // in a batch: the last read emptied the socket
 };
 
 }  // namespace mirrorlink

@@ -182,9 +182,15 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
     }
     if (state_ == Disconnected || state_ == Idle) return;
     if (readable) {
-        in_.clearReceivedData();
-        while (reader_.processMessages()) {
+        in_.beginBatch();
+        try {
+            while (reader_.processMessages()) {
+            }
+        } catch (...) {
+            in_.endBatch();
+            throw;
         }
+        in_.endBatch();
         if (!in_.receivedData()) throw plat::Exception("Connection lost");
     }
     // What this turn wrote (answers, serviced messages) goes out now, in one send, instead
