@@ -1,5 +1,6 @@
 #include "messaging/ControlMessageQueue.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "messaging/Condition.h"
@@ -121,6 +122,7 @@ void ControlMessageQueue::threadBody() {
         MutexLock lock(*queueMutex_);
         initialised = initialiseInThread();
         unreadBytes_ = 0;  // a new pipe
+        prepaid_ = 0;
         unsignalled_ = false;
         // A thread that failed still has to be joined, even after an earlier join().
         state_ = initialised ? kRunning : kStopped;
@@ -214,12 +216,35 @@ void ControlMessageQueue::serviceMessages() {
             unsignalled_ = false;
             return;
         }
-        if (unreadBytes_ > 0) unreadBytes_ = consumeNotification() ? unreadBytes_ - 1 : 0;
+        if (prepaid_ == 0 && unreadBytes_ > 0) {
+            // The bytes of every message queued now, in one read rather than one each.
+            size_t owed = std::min(unreadBytes_, queue_.size());
+            prepaid_ = consumeNotifications(owed);
+            unreadBytes_ = prepaid_ < owed ? 0 : unreadBytes_ - owed;
+        }
+        if (prepaid_ > 0) --prepaid_;
         QueuedMessage* entry = queue_.front();
         queue_.pop_front();
         lock.unlock();
-        entry->service(true);
+        try {
+            entry->service(true);
+        } catch (...) {
+            // The messages behind it stay queued for the next call, and get back the bytes
+            // read for them, so that a loop waiting on the descriptor still sees them.
+            lock.lock();
+            for (; prepaid_ > 0; --prepaid_) {
+                notify();
+                ++unreadBytes_;
+            }
+            throw;
+        }
     }
+}
+
+size_t ControlMessageQueue::consumeNotifications(size_t count) {
+    size_t read = 0;
+    while (read < count && consumeNotification()) ++read;
+    return read;
 }
 
 void ControlMessageQueue::finish(bool perform) {
@@ -227,6 +252,7 @@ void ControlMessageQueue::finish(bool perform) {
     if (state_ != kRunning) return;
     closeWakeup();
     unreadBytes_ = 0;
+    prepaid_ = 0;
     // Other threads may still queue behind us while the lock is released: they are served
     // too, since the state only changes once the queue is empty.
     while (!queue_.empty()) {

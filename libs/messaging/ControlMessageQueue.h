@@ -178,6 +178,9 @@ protected:
     virtual void notify() = 0;
     // Reads one wake-up byte without blocking; true if one was read.
     virtual bool consumeNotification() = 0;
+    // Reads up to count wake-up bytes without blocking; how many were read. The default
+    // reads them one by one.
+    virtual size_t consumeNotifications(size_t count);
 
 private:
     enum State : int { kRunning = 0, kStopped = 1, kJoined = 2 };
@@ -200,6 +203,9 @@ private:
     // are owed, so an empty pipe is never asked. A byte whose write failed (pipe full) is
     // counted too; the read that finds nothing then sets the count back to 0.
     size_t unreadBytes_ = 0;
+    // Queued messages whose wake-up bytes serviceMessages() has already read: it reads the
+    // bytes of every queued message in one go, then takes the messages one at a time.
+    size_t prepaid_ = 0;
     // Touched by the servicing thread only: postFromServicer() queued without a byte.
     bool unsignalled_ = false;
     // State below is protected by startMutex_.

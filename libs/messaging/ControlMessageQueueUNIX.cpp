@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "messaging/ConditionUNIX.h"
 #include "messaging/Mutex.h"
 #include "messaging/MutexUNIX.h"
@@ -119,6 +121,19 @@ void ControlMessageQueueUNIX::notify() {
 bool ControlMessageQueueUNIX::consumeNotification() {
     char byte;
     return read(readFd_, &byte, 1) == 1;
+}
+
+size_t ControlMessageQueueUNIX::consumeNotifications(size_t count) {
+    char bytes[256];
+    size_t total = 0;
+    while (total < count) {
+        size_t chunk = std::min(count - total, sizeof bytes);
+        ssize_t got = read(readFd_, bytes, chunk);
+        if (got <= 0) break;
+        total += static_cast<size_t>(got);
+        if (static_cast<size_t>(got) < chunk) break;
+    }
+    return total;
 }
 
 }  // namespace messaging

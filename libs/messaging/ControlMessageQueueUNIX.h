@@ -34,6 +34,7 @@ protected:
     void joinThread() override;
     void notify() override;
     bool consumeNotification() override;
+    size_t consumeNotifications(size_t count) override;
 
 private:
     static void* threadEntry(void* queue);
