@@ -124,6 +124,7 @@ void ControlMessageQueue::threadBody() {
         unreadBytes_ = 0;  // a new pipe
         prepaid_ = 0;
         unsignalled_ = false;
+        waiting_ = false;
         // A thread that failed still has to be joined, even after an earlier join().
         state_ = initialised ? kRunning : kStopped;
         MutexLock startLock(*startMutex_);
@@ -147,12 +148,29 @@ void ControlMessageQueue::enqueue(std::unique_ptr<ControlMessage>& message, bool
     message.release();
     queue_.push_back(entry.get());
     entry.release();
-    if (signal) {
+    if (!signal) {
+        unsignalled_ = true;
+    } else if (!announcesWaits_ || waiting_) {
         notify();
         ++unreadBytes_;
-    } else {
-        unsignalled_ = true;
     }
+}
+
+void ControlMessageQueue::announceWaits() {
+    MutexLock lock(*queueMutex_);
+    announcesWaits_ = true;
+}
+
+bool ControlMessageQueue::beginWait() {
+    MutexLock lock(*queueMutex_);
+    if (!queue_.empty()) return false;
+    waiting_ = true;
+    return true;
+}
+
+void ControlMessageQueue::endWait() {
+    MutexLock lock(*queueMutex_);
+    waiting_ = false;
 }
 
 void ControlMessageQueue::postAsynchronously(ControlMessage* message) {
@@ -191,8 +209,10 @@ int ControlMessageQueue::postSynchronously(ControlMessage& message) {
     // Counted so that a destructor discarding this entry does not delete the mutex before
     // this thread has taken it back and let go of it.
     ++syncPosters_;
-    notify();
-    ++unreadBytes_;
+    if (!announcesWaits_ || waiting_) {
+        notify();
+        ++unreadBytes_;
+    }
     int result = 0;
     std::exception_ptr error;
     try {

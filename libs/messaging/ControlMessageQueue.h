@@ -126,6 +126,16 @@ public:
     // then services the queue without waiting, as it would for a readable descriptor.
     // Servicing thread only.
     bool hasUnsignalledMessages() const { return unsignalled_; }
+
+    // For a servicing loop that says when it is about to block: from announceWaits() on,
+    // posts write their wake-up byte only while the loop waits (between beginWait() and
+    // endWait()), since a loop that is busy looks at the queue before it next blocks. A
+    // stream of posts to a busy thread then costs no system call each.
+    void announceWaits();
+    // Servicing thread, just before it blocks: false when messages are queued (service them
+    // instead of blocking); true when it may block until the descriptor is readable.
+    bool beginWait();
+    void endWait();
     // Queues the caller's message and waits until the servicing thread has performed it;
     // returns the action's result, or rethrows what the action threw. Performs it at once
     // on the calling thread when not running, and also on the servicing thread itself
@@ -208,6 +218,8 @@ private:
     size_t prepaid_ = 0;
     // Touched by the servicing thread only: postFromServicer() queued without a byte.
     bool unsignalled_ = false;
+    bool announcesWaits_ = false;
+    bool waiting_ = false;  // the servicing thread is, or is about to be, blocked
     // State below is protected by startMutex_.
     bool startPending_ = false;
 };

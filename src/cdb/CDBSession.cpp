@@ -157,8 +157,9 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
     fds[1].fd = owner_.wakeupDescriptor();
     fds[1].events = POLLIN | POLLPRI;
     fds[1].revents = 0;
-    bool unsignalled = owner_.hasUnsignalledMessages();
-    int ready = ::poll(fds, 2, unsignalled ? 0 : timeoutMs < 0 ? -1 : timeoutMs);
+    bool queued = owner_.hasUnsignalledMessages() || !owner_.beginWait();
+    int ready = ::poll(fds, 2, queued ? 0 : timeoutMs < 0 ? -1 : timeoutMs);
+    owner_.endWait();
     if (ready < 0 && errno == EINTR) return;
     constexpr short kReadable = POLLIN | POLLHUP | POLLERR;
     constexpr short kWritable = POLLOUT | POLLERR;
@@ -173,7 +174,7 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
     // Taken before the messages run: one of them may end the session while the socket is
     // still a listening or half-connected one, which must never be read as a stream.
     bool connecting = state_ == Connecting;
-    if ((fds[1].revents & kReadable) || unsignalled) owner_.serviceMessages();
+    if ((fds[1].revents & kReadable) || queued) owner_.serviceMessages();
 
     if (connecting) {
         if (state_ == Connecting && (readable || writable) && completeConnection())

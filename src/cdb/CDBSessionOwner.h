@@ -33,6 +33,12 @@ public:
     // session services them at its next wait without blocking, as if the descriptor were
     // readable.
     virtual bool hasUnsignalledMessages() { return false; }
+    // Around the session's wait: beginWait() false means control messages are queued (the
+    // session services them instead of blocking); until endWait(), messages posted from
+    // other threads signal the wake-up descriptor. An owner whose queue always signals
+    // keeps these as they are.
+    virtual bool beginWait() { return true; }
+    virtual void endWait() {}
 
     // The connection is established (status 2).
     virtual void sessionConnected() = 0;

@@ -70,7 +70,10 @@ ZELCDBEndpoint::ZELCDBEndpoint(int32_t mode, void* context)
       context_(context),
       queue_(this),
       lifecycleMutex_(queue_.createMutex()),
-      advertisedLength_(kServicesSupportedFixedLength) {}
+      advertisedLength_(kServicesSupportedFixedLength) {
+    // The endpoint thread waits only in its session's loop, which says when it does.
+    queue_.announceWaits();
+}
 
 ZELCDBEndpoint::~ZELCDBEndpoint() {
     try {

@@ -112,6 +112,8 @@ public:
     int wakeupDescriptor() override { return queue_.getWakeupDescriptor(); }
     void serviceMessages() override { queue_.serviceMessages(); }
     bool hasUnsignalledMessages() override { return queue_.hasUnsignalledMessages(); }
+    bool beginWait() override { return queue_.beginWait(); }
+    void endWait() override { queue_.endWait(); }
     void sessionConnected() override;
     void peerServicesChanged(zelcdbsdk::CDBVersion peerVersion,
                              const std::vector<const zelcdbsdk::CDBService*>& services,
