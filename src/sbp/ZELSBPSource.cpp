@@ -97,6 +97,11 @@ void ZELSBPSource::stopService() {
     host()->sendServiceResponse(serviceId(), refused ? kStopRefused : kStopped);
 }
 
+void ZELSBPSource::sessionEnded() {
+    active_ = false;
+    requests_.clear();
+}
+
 // ---- Sending ------------------------------------------------------------------------------
 
 void ZELSBPSource::sendPacket(uint8_t command, uint32_t uid, uint16_t packetId,

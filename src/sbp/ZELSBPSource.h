@@ -28,6 +28,10 @@ public:
 
     void startService(zelcdbsdk::CDBVersion version) override;
     void stopService() override;
+    // The connection that started the service is gone (the endpoint's session ended): the
+    // service is no longer started and every request is dropped, without a word to anyone,
+    // so that the next peer can start it afresh. Endpoint thread, after the session.
+    void sessionEnded();
     void servicePayload(const uint8_t* data, size_t length) override;
 
     // The application's late answers. command 0xB3 on a Get response is a subscription

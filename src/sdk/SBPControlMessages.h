@@ -160,7 +160,8 @@ public:
 
 private:
     SBPSendSetResponseMessage(const SBPSendSetResponseMessage&) = default;
-    void* context_;
+    // Carried as the entry was given it; the source finds the request by (command, uid).
+    [[maybe_unused]] void* context_;
     uint32_t uid_;
     uint32_t result_;
 };
@@ -175,7 +176,8 @@ public:
 
 private:
     SBPSendSubscribeResponseMessage(const SBPSendSubscribeResponseMessage&) = default;
-    void* context_;
+    // Carried as the entry was given it; the source finds the request by (command, uid).
+    [[maybe_unused]] void* context_;
     uint32_t uid_;
     uint32_t result_;
 };
