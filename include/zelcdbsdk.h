@@ -159,7 +159,11 @@ typedef struct {
                              void *sinkContext, uint16_t response);
 } ZELCDBSinkCallbacks;
 
-/* An SBP sink. E = endpoint, S = peer service ID, C = sink context. */
+/* An SBP sink. E = endpoint, S = peer service ID, C = sink context.
+ * When the connection ends, an active sink gets serviceStatusCallback with status 2 (as if
+ * the peer had stopped the service) and every request it had outstanding is dropped without
+ * a further callback: nothing owed by the old link can arrive, and a request left pending
+ * would refuse every later one for its element. The sink ends with the connection. */
 typedef struct {
     void (*serviceStatusCallback)(ZELCDBEndpoint *E, void *endpointContext, uint16_t S, void *C,
                                   uint16_t status);
@@ -179,7 +183,11 @@ typedef struct {
     void (*aliveResponseCallback)(ZELCDBEndpoint *E, uint16_t S, void *C, void *requestContext);
 } ZELSBPSinkCallbacks;
 
-/* An SBP source. E = endpoint, S = local service ID, C = source context. */
+/* An SBP source. E = endpoint, S = local service ID, C = source context.
+ * When the connection ends, a started source gets serviceStopCallback (its result is
+ * ignored; nothing is sent) and its outstanding requests and subscriptions are dropped, so
+ * that the next peer starts the service afresh instead of finding its elements "already
+ * pending". The source itself stays registered. */
 typedef struct {
     int32_t (*serviceStartCallback)(ZELCDBEndpoint *E, void *endpointContext, uint16_t S, void *C,
                                     uint8_t versionMajor, uint8_t versionMinor);

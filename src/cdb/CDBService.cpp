@@ -4,6 +4,7 @@ namespace zelcdbsdk {
 
 CDBService::Handler::~Handler() = default;
 void CDBService::Handler::startService(CDBVersion) {}
+void CDBService::Handler::sessionEnded() {}
 void CDBService::Handler::stopService() {}
 void CDBService::Handler::serviceResponse(uint16_t) {}
 

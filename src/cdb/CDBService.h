@@ -47,6 +47,9 @@ struct CDBService {
         virtual void serviceResponse(uint16_t code);
         // Payload for this service; data is valid only during the call.
         virtual void servicePayload(const uint8_t* data, size_t length) = 0;
+        // The session this handler served has ended (the link is gone, or the endpoint is
+        // stopping); the session still exists but sends nothing more.
+        virtual void sessionEnded();
         virtual ~Handler();
 
         // Thread-safe.

@@ -457,6 +457,14 @@ void CDBSession::addSink(uint16_t id, CDBService::Handler* handler) {
     log_.info("Sink added for peer service %d (0x%04x)", id, id);
 }
 
+void CDBSession::endSinks() {
+    // A sink may call the application, which may queue work but not change this map;
+    // the copy still keeps each sink alive through its own call.
+    std::vector<CDBService::HandlerRef> sinks;
+    for (const auto& entry : sinks_) sinks.push_back(entry.second);
+    for (const auto& sink : sinks) sink.get()->sessionEnded();
+}
+
 void CDBSession::handleStartService(uint16_t id, CDBVersion requested) {
     const CDBService* service = findLocalService(id);
     if (!service || !isLocalServiceId(id)) {

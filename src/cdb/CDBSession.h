@@ -62,6 +62,9 @@ public:
     // Attaches a sink to a peer service; the session keeps a reference to it for as long as
     // the peer advertises the service unchanged.
     void addSink(uint16_t id, CDBService::Handler* handler);
+    // Tells every sink that this session has ended; called by the endpoint once run() has
+    // returned or thrown.
+    void endSinks();
 
     // An own service's record if id is ours, a peer service's if it is the peer's, else
     // null. The access control byte takes no part in the lookup.

@@ -163,6 +163,14 @@ void ZELSBPSink::serviceResponse(uint16_t status) {
     });
 }
 
+void ZELSBPSink::sessionEnded() {
+    // Nothing the dead link owed us will come: the application hears it as a stop, and no
+    // request or Alive timer is left running on the session's timers.
+    aliveTimer_.stop();
+    requests_.clear();
+    if (active_) serviceResponse(kStatusStopped);
+}
+
 void ZELSBPSink::servicePayload(const uint8_t* data, size_t length) {
     if (!active_) {
         if (host()->hasSession()) {

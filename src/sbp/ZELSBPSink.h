@@ -31,6 +31,9 @@ public:
     // (stopped) make the sink inactive and drop every request, anything else activates it.
     void serviceResponse(uint16_t status) override;
     void servicePayload(const uint8_t* data, size_t length) override;
+    // The link is gone: an active sink ends as a stopped-service status would end it
+    // (inactive, every request dropped, service-status callback with 2).
+    void sessionEnded() override;
 
     void sendGet(void* context, uint32_t uid);
     void sendSet(void* context, uint32_t uid, const uint8_t* data, size_t size);

@@ -98,8 +98,17 @@ void ZELSBPSource::stopService() {
 }
 
 void ZELSBPSource::sessionEnded() {
-    active_ = false;
+    // The source outlives the session: a request kept from the dead link would make every
+    // later one for its element "already pending", and its timer would outlive its manager.
     requests_.clear();
+    if (!active_) return;
+    active_ = false;
+    if (callbacks_.serviceStopCallback) {
+        host()->callApplication([&] {
+            callbacks_.serviceStopCallback(host()->endpointHandle(), host()->endpointContext(),
+                                           serviceId(), sourceContext_);
+        });
+    }
 }
 
 // ---- Sending ------------------------------------------------------------------------------

@@ -28,10 +28,10 @@ public:
 
     void startService(zelcdbsdk::CDBVersion version) override;
     void stopService() override;
-    // The connection that started the service is gone (the endpoint's session ended): the
-    // service is no longer started and every request is dropped, without a word to anyone,
-    // so that the next peer can start it afresh. Endpoint thread, after the session.
-    void sessionEnded();
+    // The connection that started the service is gone (the endpoint's session ended): a
+    // started service ends as a StopService would end it (inactive, every request dropped,
+    // the application's service-stop callback called) but nothing is sent.
+    void sessionEnded() override;
     void servicePayload(const uint8_t* data, size_t length) override;
 
     // The application's late answers. command 0xB3 on a Get response is a subscription

@@ -326,8 +326,20 @@ ZELCDBError ZELCDBEndpoint::runSession() {
         logSafely(log_, "Caught exception of unknown type");
         result = ZELCDBErrorFailed;
     }
+    if (session_) endServices();
     session_.reset();
     return result;
+}
+
+void ZELCDBEndpoint::endServices() {
+    // Sources outlive the session, and their requests ran on its timers: each one is told
+    // the link is gone so that the next peer starts it from a clean state.
+    try {
+        session_->endSinks();
+        for (auto& source : sbpSources_) source.second->sessionEnded();
+    } catch (const std::exception& e) {
+        zelcdbsdk::logSafely(log_, "Caught std::exception: %s", e.what());
+    }
 }
 
 // ---- Calling the application ----------------------------------------------------------------

@@ -143,6 +143,8 @@ private:
     bool onEndpointThread() const;
     void reportStatus(int32_t status, ZELCDBError error);
     ZELCDBError runSession();
+    // Tells the sinks and SBP sources of the session that has just ended that it is gone.
+    void endServices();
 
     // Immutable once create() has returned.
     plat::LoggerRef log_;

@@ -158,6 +158,14 @@ inline int threadCount() {
     (void)helperStarted;
     return countEntries("/proc/self/task");
 }
+// The thread count once it has fallen to `baseline`, or after two seconds. Threads that an
+// earlier step joined, or that the test's own helpers ran, can still be leaving the task
+// list when the test looks; a thread that leaked never does.
+inline int threadCountSettledAt(int baseline) {
+    for (int i = 0; i < 200 && threadCount() > baseline; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return threadCount();
+}
 inline int descriptorCount() {
     return countEntries("/proc/self/fd");
 }

@@ -132,9 +132,10 @@ protected:
 
     plat::ManualClock clock_;
     plat::ScopedClock useClock_;
-    sdktest::Pair pair_;
+    // The applications outlive the endpoints, which call them while they stop.
     SourceApp source_;
     SinkApp sink_;
+    sdktest::Pair pair_;
     uint16_t id_ = 0;
 };
 
