@@ -69,6 +69,7 @@ protected:
     void handleByeBye() override { terminate(); }
 
     int timerFired(plat::Timer& timer) override {
+        if (&timer == &acceptPause_) return 0;
         if (&timer != &byeByeTimer_) return CDBSession::timerFired(timer);
         // The odd wording is the line operators have always grepped for; it stays.
         log_.warning("Warning: ByeBye timer expired before without client having disconnected");
@@ -77,7 +78,18 @@ protected:
     }
 
     void startConnection() override { connector_.startListening(owner_.url()); }
-    bool completeConnection() override { return connector_.acceptPeer(); }
+    bool completeConnection() override {
+        if (connector_.acceptPeer()) return true;
+        // A pending connection that cannot be accepted (no descriptor left, say) keeps the
+        // listening socket readable: without a pause the loop would spin and log without end.
+        acceptPause_.start(kAcceptPauseMs);
+        return false;
+    }
+    bool watchSocket() const override { return !acceptPause_.isRunning(); }
+
+private:
+    static constexpr int kAcceptPauseMs = 100;
+    plat::Timer acceptPause_{this};
 };
 
 }  // namespace
@@ -151,7 +163,7 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
     // shows as readable with no data ("Connection lost"), never as an exceptional condition.
     bool wantWrite = out_.hasUnflushedData() || state_ == Connecting;
     pollfd fds[2];
-    fds[0].fd = socket_.fd();
+    fds[0].fd = watchSocket() ? socket_.fd() : -1;  // poll() skips a negative descriptor
     fds[0].events = static_cast<short>(POLLIN | POLLPRI | (wantWrite ? POLLOUT : 0));
     fds[0].revents = 0;
     fds[1].fd = owner_.wakeupDescriptor();

@@ -101,6 +101,9 @@ protected:
 
     virtual void startConnection() = 0;
     virtual bool completeConnection() = 0;
+    // False while the socket is not to be watched at all for now (a server pausing after
+    // a failed accept); the loop then waits for its timers and control messages only.
+    virtual bool watchSocket() const { return true; }
 
     // One outstanding StartService or StopService, in either direction.
     struct PendingRequest {

@@ -115,6 +115,57 @@ TEST(CDBSessionPair, WorksWithDescriptorsAbove1100) {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// A connection that cannot be accepted stays pending and keeps the listening socket
+// readable; the server must pause instead of spinning on it, and accept it once it can.
+TEST(CDBSessionPair, AServerOutOfDescriptorsPausesAndAcceptsLater) {
+    plat::ManualClock clock;
+    plat::ScopedClock useClock(&clock);
+    ReservedPort port;
+    SessionHost server(Role::Server, port.url(), &clock);
+    server.start();
+    server.on([](CDBSession&) {});  // listening
+    int peer = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(peer, 0);
+
+    rlimit limit;
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    int lowestFree = ::dup(0);
+    ::close(lowestFree);
+    rlimit lowered = limit;
+    lowered.rlim_cur = static_cast<rlim_t>(lowestFree) + 4;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    std::vector<int> held;
+    for (int fd = ::dup(0); fd >= 0; fd = ::dup(0)) held.push_back(fd);
+
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port.port()));
+    EXPECT_EQ(::connect(peer, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    auto failures = [&] {
+        int n = 0;
+        for (const std::string& line : server.log.lines("CDBSession", 10))
+            n += line.rfind("10 accept() failed: error 24", 0) == 0;
+        return n;
+    };
+    for (int i = 0; i < 500 && failures() == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    uint64_t before = 0, after = 0;
+    server.on([&](CDBSession& s) { before = s.loopTurns(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    server.on([&](CDBSession& s) { after = s.loopTurns(); });
+    int failed = failures();
+
+    for (int fd : held) ::close(fd);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(failed, 1);
+    EXPECT_LE(after - before, 10u);
+    clock.advanceMs(100);
+    EXPECT_TRUE(server.trace.waitFor("connected"));
+    ::close(peer);
+    EXPECT_EQ(server.outcome(), "Connection lost");
+}
+
 // On the real clock: pings, their answers and the timers are all an idle pair does.
 TEST(CDBSessionPair, IdlePairMakesOnlyAFewLoopTurnsASecond) {
     Pair p(nullptr);
