@@ -11,7 +11,6 @@ namespace {
 using cdbtest::Bytes;
 using cdbtest::drain;
 using cdbtest::operator+;
-using cdbtest::version;
 using cdbtest::written;
 using zelcdbsdk::CDBService;
 using zelcdbsdk::CDBVersion;
@@ -62,28 +61,9 @@ TEST(CDBReader, ReadsBackEveryMessageInPlaceAndLogsEach) {
     }
 }
 
-// Whatever the segmentation, each message reaches the handler once, whole, and only after
-// its last byte.
-TEST(CDBReader, EveryMessageSplitInTwoAtEveryByteBoundary) {
-    for (const cdbtest::Sample& sample : cdbtest::samples()) {
-        SCOPED_TRACE(sample.line);
-        Bytes bytes = written(sample.write);
-        for (size_t split = 0; split <= bytes.size(); ++split) {
-            Reader<> r;
-            r.in.feed(bytes.data(), split);
-            int first = drain(r.reader);
-            ASSERT_EQ(first, split == bytes.size() ? 1 : 0) << "split " << split;
-            r.in.feed(bytes.data() + split, bytes.size() - split);
-            ASSERT_EQ(first + drain(r.reader), 1) << "split " << split;
-            ASSERT_EQ(r.handler.bytes(), bytes) << "split " << split;
-            ASSERT_EQ(r.in.pos(), bytes.size());
-        }
-    }
-}
-
-// All messages back to back, through buffers smaller than the largest payload so that
-// collection and compaction happen at any offset: after every chunk, exactly the messages
-// whose last byte has arrived have been handled.
+// All messages back to back, one byte at a time and in random chunks, through buffers smaller
+// than the largest payload so that collection and compaction happen at any offset: after
+// every chunk, exactly the messages whose last byte has arrived have been handled, once.
 TEST(CDBReader, AllMessagesOneByteAtATimeAndInRandomChunks) {
     std::vector<size_t> ends;
     Bytes all = allSamples(&ends);
@@ -184,7 +164,7 @@ TEST(CDBReader, PayloadOf8100IsDeliveredAndOf8101DiscardedWithAWarning) {
     EXPECT_EQ(drain(r.reader), 3);
     EXPECT_EQ(r.handler.bytes(), biggest + kPing5);
     std::vector<std::string> warnings;
-    for (const cdbtest::LogLine& line : r.logger.lines)
+    for (const auto& line : r.logger.lines)
         if (line.level == plat::kLogInfo) warnings.push_back(line.text);
     EXPECT_EQ(warnings, std::vector<std::string>{"Received ServicePayload with length 8101, but "
                                                  "maximum is 8100 - discarding it"});
@@ -226,7 +206,7 @@ TEST(CDBReader, CarriesOnAfterAThrowingHandler) {
         r.in.feed(Bytes(start.end() - 2, start.end()) + next);
         EXPECT_EQ(drain(r.reader), 2);
         EXPECT_EQ(r.handler.bytes(), payload + written([](CDBWriter& w) {
-                                         w.sendStartService(3, version(1, 0));
+                                         w.sendStartService(3, {1, 0});
                                      }) + next);
         EXPECT_EQ(r.in.pos(), payload.size() + start.size() + next.size());
     }

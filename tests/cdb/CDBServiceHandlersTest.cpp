@@ -53,32 +53,40 @@ void drive(CDBService::Handler& handler) {
 }
 
 // A table is taken by the size the application gives, in whole entries: an entry only
-// partly inside the size is missing, never half a pointer.
-TEST(CDBServiceHandlers, SourceForwardsTheEntriesItWasGiven) {
+// partly inside the size is missing, never half a pointer; a null entry is skipped.
+TEST(CDBServiceHandlers, ForwardTheEntriesTheyWereGiven) {
     char context[] = "ctx";
     const size_t entry = sizeof(kSource.startCallback);
     const std::string start = "start 0x0007 ctx 2.1 0x1234 depth=1";
     const std::string stop = "stop 0x0007 ctx 0x1234 depth=1";
     const std::string payload = "payload 0x0007 ctx abc 0x1234 depth=1";
+    const std::string response = "response 0x0007 ctx 0x0201 0x1234 depth=1";
     const struct {
+        bool sink;
         size_t size;
         Lines calls;
     } rows[] = {
-        {0, {}},
-        {entry / 2, {}},
-        {entry, {start}},
-        {entry + entry / 2, {start}},
-        {2 * entry, {start, stop}},
-        {3 * entry, {start, stop, payload}},
-        {3 * entry + 64, {start, stop, payload}},
+        {false, 0, {}},
+        {false, entry, {start}},
+        {false, entry + entry / 2, {start}},
+        {false, 3 * entry, {start, stop, payload}},
+        {false, 3 * entry + 64, {start, stop, payload}},
+        {true, 0, {}},
+        {true, entry + 1, {payload}},
+        {true, 2 * entry, {payload, response}},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.size);
+        SCOPED_TRACE(fmt("%s %zu", row.sink ? "sink" : "source", row.size));
         Host host;
-        zelcdbsdk::CDBSourceHandler handler(&host, context, &kSource,
-                                            static_cast<uint32_t>(row.size));
-        handler.setServiceId(7);
-        drive(handler);
+        uint32_t size = static_cast<uint32_t>(row.size);
+        if (row.sink) {
+            zelcdbsdk::CDBSinkHandler handler(&host, 7, context, &kSink, size);
+            drive(handler);
+        } else {
+            zelcdbsdk::CDBSourceHandler handler(&host, context, &kSource, size);
+            handler.setServiceId(7);
+            drive(handler);
+        }
         EXPECT_EQ(host.calls, row.calls);
         EXPECT_EQ(host.depth, 0);
     }
@@ -91,27 +99,6 @@ TEST(CDBServiceHandlers, SourceForwardsTheEntriesItWasGiven) {
     drive(withGap);
     EXPECT_EQ(host.calls,
               (Lines{"stop 0x0000 ctx 0x1234 depth=1", "payload 0x0000 ctx abc 0x1234 depth=1"}));
-}
-
-TEST(CDBServiceHandlers, SinkForwardsPayloadAndResponse) {
-    char context[] = "sink";
-    const size_t entry = sizeof(kSink.payloadCallback);
-    const std::string payload = "payload 0x4003 sink abc 0x1234 depth=1";
-    const std::string response = "response 0x4003 sink 0x0201 0x1234 depth=1";
-    const struct {
-        size_t size;
-        Lines calls;
-    } rows[] = {
-        {0, {}}, {entry, {payload}}, {entry + 1, {payload}}, {2 * entry, {payload, response}}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.size);
-        Host host;
-        zelcdbsdk::CDBSinkHandler handler(&host, 0x4003, context, &kSink,
-                                          static_cast<uint32_t>(row.size));
-        drive(handler);
-        EXPECT_EQ(host.calls, row.calls);
-        EXPECT_EQ(host.depth, 0);
-    }
 }
 
 }  // namespace

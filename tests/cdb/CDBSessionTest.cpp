@@ -29,6 +29,13 @@ std::vector<uint16_t> pending(Session& s) {
     return ids;
 }
 
+std::string byeByeTimerExpired(const Session& s) {
+    return s.isClient() ? "10 Warning: ByeBye timer expired without receiving response from CDB "
+                          "server"
+                        : "10 Warning: ByeBye timer expired before without client having "
+                          "disconnected";
+}
+
 class SessionRoles : public ::testing::TestWithParam<Role> {};
 INSTANTIATE_TEST_SUITE_P(CDBSession, SessionRoles, ::testing::Values(Role::Client, Role::Server),
                          [](const ::testing::TestParamInfo<Role>& info) {
@@ -84,29 +91,23 @@ TEST(CDBSession, UnsupportedPeerVersionIsAnsweredThenByeBye) {
     }
 }
 
+// Every PingResponse that carries the expected number counts, asked for or not, and the
+// number wraps; a wrong one ends the session.
 TEST(CDBSession, PingsASecondAfterConnectingAndAfterEachAnswerAndChecksTheNumber) {
     Session s(Role::Client);
     s.exchange({});
     EXPECT_EQ(s.advance(999, false), Lines{});
     EXPECT_EQ(s.advance(1, false), Lines{"1000 Ping 0"});
-    s.peer.w().sendPingResponse(0);
+    for (int n = 0; n < 65535; ++n) s.peer.w().sendPingResponse(static_cast<uint16_t>(n));
     EXPECT_EQ(s.advance(999, false), Lines{});
-    EXPECT_EQ(s.advance(1, false), Lines{"2000 Ping 1"});
-    s.peer.w().sendPingResponse(0);
+    EXPECT_EQ(s.advance(1, false), Lines{"2000 Ping 65535"});
+    s.peer.w().sendPingResponse(65535);
+    EXPECT_EQ(s.advance(1000, false), Lines{"3000 Ping 0"});
+    s.peer.w().sendPingResponse(1);
     EXPECT_EQ(s.peer.sync(), (Lines{"ServiceResponse 0x0000 0x0208", "ByeBye"}));
     EXPECT_EQ(
         s.host->log.lines().back(),
-        "0 Sequence number in PingResponse is incorrect! Expected 1, got 0 - terminating CDB");
-}
-
-TEST(CDBSession, PingSequenceWrapsAfter65536Answers) {
-    Session s(Role::Client);
-    s.exchange({});
-    // Every PingResponse that carries the expected number counts, asked for or not.
-    for (int n = 0; n < 65535; ++n) s.peer.w().sendPingResponse(static_cast<uint16_t>(n));
-    EXPECT_EQ(s.advance(1000, false), Lines{"1000 Ping 65535"});
-    s.peer.w().sendPingResponse(65535);
-    EXPECT_EQ(s.advance(1000, false), Lines{"2000 Ping 0"});
+        "0 Sequence number in PingResponse is incorrect! Expected 0, got 1 - terminating CDB");
 }
 
 // Ten seconds for the answer, "five" in the line; then five seconds for the ByeBye.
@@ -122,11 +123,7 @@ TEST_P(SessionRoles, UnansweredPingEndsTheSession) {
     EXPECT_EQ(s.advance(4999, false), Lines{});
     s.clock.advanceMs(1);
     EXPECT_EQ(s.host->outcome(), "Disconnected");
-    EXPECT_EQ(s.host->log.lines().back(),
-              s.isClient() ? "10 Warning: ByeBye timer expired without receiving response from "
-                             "CDB server"
-                           : "10 Warning: ByeBye timer expired before without client having "
-                             "disconnected");
+    EXPECT_EQ(s.host->log.lines().back(), byeByeTimerExpired(s));
 }
 
 TEST_P(SessionRoles, ByeByeEndsTheSession) {
@@ -159,11 +156,7 @@ TEST_P(SessionRoles, TerminateBeforeTheConnectionEndsAtTheNextTurn) {
     if (!s.isClient()) s.host->on([](CDBSession& session) { session.terminate(); });
     EXPECT_EQ(s.host->outcome(), "Disconnected");
     EXPECT_EQ(s.host->trace.take(), Lines{});
-    EXPECT_EQ(s.host->log.lines().back(),
-              s.isClient() ? "10 Warning: ByeBye timer expired without receiving response from "
-                             "CDB server"
-                           : "10 Warning: ByeBye timer expired before without client having "
-                             "disconnected");
+    EXPECT_EQ(s.host->log.lines().back(), byeByeTimerExpired(s));
 }
 
 // A stop that arrives in the same turn as a peer's connect: the listening socket is readable
@@ -270,47 +263,31 @@ TEST(CDBSession, RebuildKeepsUnchangedServicesWithTheirSinks) {
 
 TEST(CDBSession, ServiceResponseReactions) {
     const uint16_t kPeer = 0x4001, kOwn = 0x0001;
+    const Lines bye = {"ByeBye"};
+    const std::string from = "30 Received ServiceResponse(";
     struct Row {
         uint16_t id, code;
         Lines sent;
         std::string line;  // the session's line at level 30 or below, if any
     };
     std::vector<Row> rows = {
-        {kPeer,
-         0x0202,
-         {"ByeBye"},
-         "30 Received ServiceResponse(ServiceTerminationFailed) from peer - terminating CDB"},
-        {kOwn, 0x0202, {}, ""},
+        {kPeer, 0x0202, bye, from + "ServiceTerminationFailed) from peer - terminating CDB"},
         {kPeer,
          0x0206,
          {"StopService 0x4001"},
-         "30 Received ServiceResponse(WrongAccessControl) from peer service 16385 (0x4001) - "
-         "sending StopService"},
-        {kOwn, 0x0206, {}, ""},
-        {0,
-         0x0208,
-         {"ByeBye"},
-         "30 Received ServiceResponse(WrongSequenceNumber) from peer - terminating CDB"},
-        {0,
-         0x0209,
-         {"ByeBye"},
-         "30 Received ServiceResponse(WrongCDBVersionNumber) from peer - terminating CDB"},
-        {kPeer,
-         0x020b,
-         {"ByeBye"},
-         "30 Received ServiceResponse(UnsupportedPayloadFormat) from - peer - terminating CDB"},
-        {kOwn, 0x020b, {}, ""},
-        {kPeer,
-         0x0300,
-         {"ByeBye"},
+         from + "WrongAccessControl) from peer service 16385 (0x4001) - sending StopService"},
+        {0, 0x0208, bye, from + "WrongSequenceNumber) from peer - terminating CDB"},
+        {0, 0x0209, bye, from + "WrongCDBVersionNumber) from peer - terminating CDB"},
+        {kPeer, 0x020b, bye, from + "UnsupportedPayloadFormat) from - peer - terminating CDB"},
+        {kPeer, 0x0300, bye,
          "0 Received undefined response value 768 in ServiceResponse from service 16385 "
          "(0x4001) - terminating CDB"},
-        {kPeer,
-         0x0000,
-         {"ByeBye"},
+        {kPeer, 0x0000, bye,
          "0 Received undefined response value 0 in ServiceResponse from service 16385 "
          "(0x4001) - terminating CDB"},
     };
+    // The same codes about one of our own services are only the sink's business.
+    for (uint16_t code : {0x0202, 0x0206, 0x020b}) rows.push_back({kOwn, code, {}, ""});
     for (uint16_t code :
          {0x0001, 0x0002, 0x0101, 0x0102, 0x0201, 0x0203, 0x0204, 0x0205, 0x0207, 0x020a})
         rows.push_back({kPeer, code, {}, ""});
@@ -334,96 +311,70 @@ TEST(CDBSession, ServiceResponseReactions) {
     }
 }
 
+using Send = std::function<void(CDBWriter&)>;
+Send start(uint16_t id, CDBVersion v) {
+    return [=](CDBWriter& w) { w.sendStartService(id, v); };
+}
+Send stop(uint16_t id) {
+    return [=](CDBWriter& w) { w.sendStopService(id); };
+}
+Send payload(uint16_t id, uint8_t access, std::string data = "") {
+    return [=](CDBWriter& w) { w.sendServicePayload(id, access, data.data(), data.size()); };
+}
+
 TEST(CDBSession, PeerRequestsAreCheckedInOrder) {
     Session s(Role::Client);
     setUpServices(s);
-    struct Row {
-        std::function<void(CDBWriter&)> send;
+    const std::string newer = "10 Received StartService for service 1 (0x0001) with version ";
+    auto unknown = [](const char* what, int id) {
+        return fmt("10 Received %s for unknown service %d (0x%04x) - ignoring it", what, id, id);
+    };
+    auto wrongAccess = [](int id) {
+        return fmt(
+            "10 Received ServicePayload for service %d (0x%04x) with wrong access control "
+            "- ignoring it",
+            id, id);
+    };
+    const struct {
+        Send send;
         Lines sent, trace;
         std::string line;
-    };
-    const Row rows[] = {
+    } rows[] = {
         // StartService: a requested version not newer than ours is passed on.
-        {[](CDBWriter& w) {
-             w.sendStartService(1, {2, 1});
-         },
-         {},
-         {"start 0x0001 2.1"},
-         ""},
-        {[](CDBWriter& w) {
-             w.sendStartService(1, {1, 9});
-         },
-         {},
-         {"start 0x0001 1.9"},
-         ""},
-        {[](CDBWriter& w) {
-             w.sendStartService(1, {2, 3});
-         },
-         {},
-         {"start 0x0001 2.3"},
-         ""},
-        {[](CDBWriter& w) {
-             w.sendStartService(1, {2, 4});
-         },
+        {start(1, {1, 9}), {}, {"start 0x0001 1.9"}, ""},
+        {start(1, {2, 3}), {}, {"start 0x0001 2.3"}, ""},
+        {start(1, {2, 4}),
          {"ServiceResponse 0x0001 0x020a"},
          {},
-         "10 Received StartService for service 1 (0x0001) with version 2.4, but service version is "
-         "2.3 - ignoring it"},
-        {[](CDBWriter& w) {
-             w.sendStartService(1, {3, 0});
-         },
+         newer + "2.4, but service version is 2.3 - ignoring it"},
+        {start(1, {3, 0}),
          {"ServiceResponse 0x0001 0x020a"},
          {},
-         "10 Received StartService for service 1 (0x0001) with version 3.0, but service version is "
-         "2.3 - ignoring it"},
-        {[](CDBWriter& w) {
-             w.sendStartService(2, {1, 0});
-         },
-         {"ServiceResponse 0x0002 0x0205"},
-         {},
-         "10 Received StartService for unknown service 2 (0x0002) - ignoring it"},
-        {[](CDBWriter& w) {
-             w.sendStartService(0x4001, {1, 0});
-         },
+         newer + "3.0, but service version is 2.3 - ignoring it"},
+        {start(2, {1, 0}), {"ServiceResponse 0x0002 0x0205"}, {}, unknown("StartService", 2)},
+        {start(0x4001, {1, 0}),
          {"ServiceResponse 0x4001 0x0205"},
          {},
-         "10 Received StartService for unknown service 16385 (0x4001) - ignoring it"},
+         unknown("StartService", 0x4001)},
         // StopService: passed on, and nothing is answered for it.
-        {[](CDBWriter& w) { w.sendStopService(1); }, {}, {"stop 0x0001"}, ""},
-        {[](CDBWriter& w) { w.sendStopService(0x4001); },
-         {"ServiceResponse 0x4001 0x0205"},
-         {},
-         "10 Received StopService for unknown service 16385 (0x4001) - ignoring it"},
+        {stop(1), {}, {"stop 0x0001"}, ""},
+        {stop(0x4001), {"ServiceResponse 0x4001 0x0205"}, {}, unknown("StopService", 0x4001)},
         // ServicePayload: unknown service, then access control, then a missing sink.
-        {[](CDBWriter& w) { w.sendServicePayload(0x4009, 3, "", 0); },
+        {payload(0x4009, 3),
          {"ServiceResponse 0x4009 0x0205"},
          {},
-         "10 Received ServicePayload for unknown service 16393 (0x4009) - ignoring it"},
-        {[](CDBWriter& w) { w.sendServicePayload(0, 0, "", 0); },
-         {"ServiceResponse 0x0000 0x0205"},
-         {},
-         "10 Received ServicePayload for unknown service 0 (0x0000) - ignoring it"},
-        {[](CDBWriter& w) { w.sendServicePayload(1, 91, "", 0); },
-         {"ServiceResponse 0x0001 0x0206"},
-         {},
-         "10 Received ServicePayload for service 1 (0x0001) with wrong access control - ignoring "
-         "it"},
-        {[](CDBWriter& w) { w.sendServicePayload(0x4001, 4, "", 0); },
-         {"ServiceResponse 0x4001 0x0206"},
-         {},
-         "10 Received ServicePayload for service 16385 (0x4001) with wrong access control - "
-         "ignoring it"},
-        {[](CDBWriter& w) { w.sendServicePayload(0x4001, 3, "", 0); },
+         unknown("ServicePayload", 0x4009)},
+        {payload(0, 0), {"ServiceResponse 0x0000 0x0205"}, {}, unknown("ServicePayload", 0)},
+        {payload(1, 91), {"ServiceResponse 0x0001 0x0206"}, {}, wrongAccess(1)},
+        {payload(0x4001, 4), {"ServiceResponse 0x4001 0x0206"}, {}, wrongAccess(0x4001)},
+        {payload(0x4001, 3),
          {"ServiceResponse 0x4001 0x0102"},
          {},
          "10 Received ServicePayload for service 16385 (0x4001) but no sink was added for this "
          "service - ignoring it"},
-        {[](CDBWriter& w) { w.sendServicePayload(1, 90, "\xab\xcd", 2); },
-         {},
-         {"payload 0x0001 abcd"},
-         ""},
+        {payload(1, 90, "\xab\xcd"), {}, {"payload 0x0001 abcd"}, ""},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         size_t before = s.host->log.lines().size();
         row.send(s.peer.w());
         EXPECT_EQ(s.peer.sync(), row.sent) << row.line;
@@ -431,7 +382,7 @@ TEST(CDBSession, PeerRequestsAreCheckedInOrder) {
         EXPECT_EQ(linesSince(s, before), row.line.empty() ? Lines{} : Lines{row.line});
     }
     s.addSink(0x4001);
-    s.peer.w().sendServicePayload(0x4001, 3, "\x01", 1);
+    payload(0x4001, 3, "\x01")(s.peer.w());
     EXPECT_EQ(s.peer.sync(), Lines{});
     EXPECT_EQ(s.host->trace.take(), Lines{"payload 0x4001 01"});
 }
@@ -473,30 +424,28 @@ TEST(CDBSession, OwnOperations) {
     }
 }
 
-TEST(CDBSession, UnansweredStartServiceIsHeldThenExpiresAt120Seconds) {
-    Session s(Role::Client);
-    setUpServices(s);
-    s.peer.w().sendStartService(1, {2, 0});
-    Lines expected;
-    for (int t = 4000; t < 120000; t += 4000)
-        expected.push_back(fmt("%d ServiceResponse 0x0001 0x0010", t));
-    expected.push_back("120000 ServiceResponse 0x0001 0x0201");
-    EXPECT_EQ(s.advance(130000), expected);
-    EXPECT_EQ(s.host->trace.take(), Lines{"start 0x0001 2.0"});
-    EXPECT_EQ(pending(s), std::vector<uint16_t>{});
-}
-
-TEST(CDBSession, ApplicationAnswerEndsThePendingStart) {
+// A peer's StartService is held with "pending" every four seconds until the application
+// answers: its own "pending" keeps the request, any other answer ends it, and with no answer
+// the request expires at 120 seconds.
+TEST(CDBSession, PeerStartServiceIsHeldUntilAnsweredOrExpired) {
     Session s(Role::Client);
     setUpServices(s);
     s.peer.w().sendStartService(1, {2, 0});
     EXPECT_EQ(s.advance(5000), Lines{"4000 ServiceResponse 0x0001 0x0010"});
-    // An answer of "pending" keeps the request; any other ends it.
     s.host->on([](CDBSession& x) { x.sendServiceResponse(1, 0x0010); });
     EXPECT_EQ(s.advance(3000),
               (Lines{"5000 ServiceResponse 0x0001 0x0010", "8000 ServiceResponse 0x0001 0x0010"}));
     s.host->on([](CDBSession& x) { x.sendServiceResponse(1, 0x0001); });
-    EXPECT_EQ(s.advance(120000), Lines{"8000 ServiceResponse 0x0001 0x0001"});
+    EXPECT_EQ(s.advance(1000), Lines{"8000 ServiceResponse 0x0001 0x0001"});
+
+    s.peer.w().sendStartService(1, {2, 0});  // at 9 s; the answered request stays quiet
+    Lines expected;
+    for (int t = 13000; t < 129000; t += 4000)
+        expected.push_back(fmt("%d ServiceResponse 0x0001 0x0010", t));
+    expected.push_back("129000 ServiceResponse 0x0001 0x0201");
+    EXPECT_EQ(s.advance(130000), expected);
+    EXPECT_EQ(s.host->trace.take(), (Lines{"start 0x0001 2.0", "start 0x0001 2.0"}));
+    EXPECT_EQ(pending(s), std::vector<uint16_t>{});
 }
 
 // A service may answer from inside its start handler, before the session's call returns.

@@ -16,6 +16,7 @@
 #include "cdb/CDBWriter.h"
 #include "plat/DString.h"
 #include "plat/Logger.h"
+#include "plat/RecordingLogger.h"
 #include "rdr/BufferedInStream.h"
 #include "rdr/MemOutStream.h"
 
@@ -96,20 +97,7 @@ struct EchoHandler : zelcdbsdk::CDBProtocolHandler {
     void handleByeBye() override { writer.sendByeBye(); }
 };
 
-struct LogLine {
-    int level;
-    std::string facility, text;
-};
-
-class RecordingLogger : public plat::Logger {
-public:
-    std::vector<LogLine> lines;
-    void log(int level, const char* facility, const char* format, va_list args) override {
-        plat::DString text;
-        text.formatV(format, args);
-        lines.push_back({level, facility, text.c_str()});
-    }
-};
+using RecordingLogger = zeltest::RecordingLogger;
 
 // Runs the reader until it needs more input; returns how many messages completed.
 inline int drain(zelcdbsdk::CDBReader& reader) {
@@ -122,10 +110,6 @@ inline Bytes pattern(size_t length, uint8_t seed) {
     Bytes data(length);
     for (size_t i = 0; i < length; ++i) data[i] = static_cast<uint8_t>(seed + i * 7);
     return data;
-}
-
-inline CDBVersion version(uint8_t major, uint8_t minor) {
-    return CDBVersion{major, minor};
 }
 
 // One message of each kind, with names and payload sizes at the limits: the writer must
@@ -146,15 +130,23 @@ inline const std::vector<Sample>& samples() {
         CDBService(0x4100, {3, 4}, 0x01, 0x22, "")};  // an empty name ends the message
     static const std::vector<Sample> kSamples = {
         {"b101 0002 0101", "ServicesRequest (endpoint version 1.1)",
-         [](CDBWriter& w) { w.sendServicesRequest(version(1, 1)); }},
+         [](CDBWriter& w) {
+             w.sendServicesRequest(CDBVersion{1, 1});
+         }},
         {"b102 011a 0101 0003 4001 0203 81 5a 02 6162 7fff fffe 07 00 ff" + hex(Bytes(255, 'n')) +
              "4100 0304 01 22 00",
          "ServicesSupported (endpoint version 1.1, 3 services)",
-         [](CDBWriter& w) { w.sendServicesSupported(version(1, 1), kServices.data(), 3); }},
+         [](CDBWriter& w) {
+             w.sendServicesSupported(CDBVersion{1, 1}, kServices.data(), 3);
+         }},
         {"b102 0004 0100 0000", "ServicesSupported (endpoint version 1.0, 0 services)",
-         [](CDBWriter& w) { w.sendServicesSupported(version(1, 0), nullptr, 0); }},
+         [](CDBWriter& w) {
+             w.sendServicesSupported(CDBVersion{1, 0}, nullptr, 0);
+         }},
         {"b103 0004 4001 0200", "StartService, service 16385 (0x4001), version 2.0",
-         [](CDBWriter& w) { w.sendStartService(0x4001, version(2, 0)); }},
+         [](CDBWriter& w) {
+             w.sendStartService(0x4001, CDBVersion{2, 0});
+         }},
         {"b104 0002 0012", "StopService, service 18 (0x0012)",
          [](CDBWriter& w) { w.sendStopService(0x0012); }},
         {"b105 0008 4002 7e dead00beef", "ServicePayload, service 16386 (0x4002), length 5",

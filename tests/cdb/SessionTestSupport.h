@@ -99,28 +99,25 @@ private:
 class SharedLog : public plat::Logger {
 public:
     void log(int level, const char* facility, const char* format, va_list args) override {
-        plat::DString text;
-        text.formatV(format, args);
         std::lock_guard<std::mutex> lock(mutex_);
-        lines_.push_back({level, facility, text.c_str()});
+        all_.log(level, facility, format, args);
     }
     std::vector<std::string> lines(const std::string& facility = "CDBSession", int maxLevel = 30) {
         std::lock_guard<std::mutex> lock(mutex_);
         std::vector<std::string> out;
-        for (const cdbtest::LogLine& l : lines_)
+        for (const auto& l : all_.lines)
             if (l.facility == facility && l.level <= maxLevel)
                 out.push_back(std::to_string(l.level) + " " + l.text);
         return out;
     }
     bool has(const std::string& line, const std::string& facility = "CDBSession") {
-        for (const std::string& l : lines(facility, 100))
-            if (l == line) return true;
-        return false;
+        std::vector<std::string> all = lines(facility, 100);
+        return std::find(all.begin(), all.end(), line) != all.end();
     }
 
 private:
     std::mutex mutex_;
-    std::vector<cdbtest::LogLine> lines_;
+    zeltest::RecordingLogger all_;
 };
 
 // A service handler that writes what it is given into a trace; onStart, if set, runs inside
@@ -307,6 +304,14 @@ public:
     void handleByeBye() override { messages.push_back("ByeBye"); }
 };
 
+inline sockaddr_in loopback(int port = 0) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
+}
+
 inline int boundPort(int fd) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
@@ -321,9 +326,7 @@ public:
     ReservedPort() : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
         int on = 1;
         ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = loopback();
         ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
         port_ = boundPort(fd_);
     }
@@ -348,9 +351,7 @@ public:
     // For a client session: listens on an ephemeral loopback port; returns its URL.
     std::string listen() {
         listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = loopback();
         ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
         ::listen(listener_, 1);
         return "cdb://127.0.0.1:" + std::to_string(boundPort(listener_));
@@ -363,10 +364,7 @@ public:
     }
     // For a server session: connects, retrying while the session is not listening yet.
     bool connect(int port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(port));
+        sockaddr_in address = loopback(port);
         for (int tries = 0; tries < kPatienceMs; ++tries) {
             fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
             if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 
-#include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "messaging/ControlMessageQueueUNIX.h"
@@ -17,121 +17,108 @@
 
 namespace {
 
-using messaging::ControlMessageQueueUNIX;
 using messagingtest::Counter;
 using messagingtest::FnMessage;
+using Seen = std::vector<std::string>;
 
-class BodyServicer : public messaging::ControlMessageQueue::Servicer {
-public:
-    void run() override { body(); }
-    std::function<void()> body;
+struct ControlMessageQueueBatch : ::testing::Test {
+    messagingtest::BodyServicer servicer;
+    messaging::ControlMessageQueueUNIX queue{&servicer};
+    Seen seen;  // servicing thread only until join()
+
+    // Notes what happened with the wake-up bytes then in the pipe.
+    void note(const std::string& what) {
+        int bytes = -1;
+        ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytes);
+        seen.push_back(what + ": " + std::to_string(bytes));
+    }
+    FnMessage* noting(const std::string& what) {
+        return new FnMessage([this, what] {
+            seen.push_back(what);
+            return 0;
+        });
+    }
+    // Runs body as the servicing thread once post() has run on this one, then joins.
+    void run(const std::function<void()>& body, const std::function<void()>& post) {
+        Counter running, posted;
+        servicer.body = [&] {
+            running.bump();
+            posted.waitFor(1);
+            body();
+        };
+        ASSERT_TRUE(queue.start());
+        ASSERT_TRUE(running.waitFor(1));
+        post();
+        posted.bump();
+        queue.join();
+    }
 };
 
-int bytesIn(ControlMessageQueueUNIX& queue) {
-    int bytes = -1;
-    ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytes);
-    return bytes;
-}
-
-TEST(ControlMessageQueueBatch, OwnPostsAreFlaggedInsteadOfSignalledAndKeepTheirPlace) {
-    BodyServicer servicer;
-    ControlMessageQueueUNIX queue(&servicer);
-    Counter running, posted;
-    std::vector<std::string> seen;  // servicing thread only until join()
-    std::vector<int> bytes;
-    std::vector<bool> flagged;
-    servicer.body = [&] {
-        running.bump();
-        posted.waitFor(1);
-        queue.postFromServicer(new FnMessage([&] {
-            seen.push_back("own");
-            return 0;
-        }));
-        bytes.push_back(bytesIn(queue));
-        flagged.push_back(queue.hasUnsignalledMessages());
-        queue.serviceMessages();
-        bytes.push_back(bytesIn(queue));
-        flagged.push_back(queue.hasUnsignalledMessages());
-    };
-    ASSERT_TRUE(queue.start());
-    ASSERT_TRUE(running.waitFor(1));
-    queue.postAsynchronously(new FnMessage([&] {
-        seen.push_back("posted");
-        return 0;
-    }));
-    posted.bump();
-    queue.join();
-    EXPECT_EQ(seen, (std::vector<std::string>{"posted", "own"}));
-    EXPECT_EQ(bytes, (std::vector<int>{1, 0}));
-    EXPECT_EQ(flagged, (std::vector<bool>{true, false}));
-}
-
-TEST(ControlMessageQueueBatch, MessagesLeftBehindByAThrowingActionGetTheirBytesBack) {
-    BodyServicer servicer;
-    ControlMessageQueueUNIX queue(&servicer);
-    Counter running, posted;
-    std::atomic<int> performed{0};
-    std::vector<int> bytes;  // servicing thread only until join()
-    servicer.body = [&] {
-        running.bump();
-        posted.waitFor(1);
-        bytes.push_back(bytesIn(queue));
-        try {
+TEST_F(ControlMessageQueueBatch, OwnPostsAreFlaggedInsteadOfSignalledAndKeepTheirPlace) {
+    run(
+        [&] {
+            queue.postFromServicer(noting("own"));
+            note(queue.hasUnsignalledMessages() ? "flagged" : "not flagged");
             queue.serviceMessages();
-        } catch (const plat::Exception&) {
-        }
-        bytes.push_back(bytesIn(queue));
-        queue.serviceMessages();
-        bytes.push_back(bytesIn(queue));
-    };
-    ASSERT_TRUE(queue.start());
-    ASSERT_TRUE(running.waitFor(1));
-    queue.postAsynchronously(new FnMessage([]() -> int { throw plat::Exception("failed"); }));
-    for (int i = 0; i < 2; ++i)
-        queue.postAsynchronously(new FnMessage([&] { return ++performed; }));
-    posted.bump();
-    queue.join();
-    EXPECT_EQ(bytes, (std::vector<int>{3, 2, 0}));
-    EXPECT_EQ(performed, 2);
+            note(queue.hasUnsignalledMessages() ? "flagged" : "not flagged");
+        },
+        [&] { queue.postAsynchronously(noting("posted")); });
+    EXPECT_EQ(seen, (Seen{"flagged: 1", "posted", "own", "not flagged: 0"}));
+}
+
+// The action's exception reaches the loop that called serviceMessages(), its entry freed
+// with it; the entries behind it wait, bytes and all, for the next call.
+TEST_F(ControlMessageQueueBatch, MessagesLeftBehindByAThrowingActionGetTheirBytesBack) {
+    Counter freed;
+    run(
+        [&] {
+            note("before");
+            try {
+                queue.serviceMessages();
+            } catch (const plat::Exception& e) {
+                note(std::string(e.str()) + ", freed " + std::to_string(freed.count()));
+            }
+            queue.serviceMessages();
+            note("after");
+        },
+        [&] {
+            queue.postAsynchronously(
+                new FnMessage([]() -> int { throw plat::Exception("failed"); }, &freed));
+            queue.postAsynchronously(noting("a"));
+            queue.postAsynchronously(noting("b"));
+        });
+    EXPECT_EQ(seen, (Seen{"before: 3", "failed, freed 1: 2", "a", "b", "after: 0"}));
 }
 
 // A loop that announces its waits hears of every post: those made while it is busy by
 // finding the queue not empty when it is about to block, those made while it blocks by
 // their byte. A post during the wait that wrote nothing would leave the loop asleep.
-TEST(ControlMessageQueueBatch, PostsToALoopThatAnnouncesItsWaitsSignalOnlyWhileItWaits) {
-    BodyServicer servicer;
-    ControlMessageQueueUNIX queue(&servicer);
+TEST_F(ControlMessageQueueBatch, PostsToALoopThatAnnouncesItsWaitsSignalOnlyWhileItWaits) {
     queue.announceWaits();
-    Counter running, postedBusy, waiting, postedWaiting;
-    std::vector<int> bytes;  // servicing thread only until join()
-    std::vector<bool> mayBlock;
-    int performed = 0;
-    servicer.body = [&] {
-        running.bump();
-        postedBusy.waitFor(1);
-        bytes.push_back(bytesIn(queue));
-        mayBlock.push_back(queue.beginWait());
-        queue.endWait();
-        queue.serviceMessages();
-        mayBlock.push_back(queue.beginWait());
-        waiting.bump();
-        postedWaiting.waitFor(1);
-        bytes.push_back(bytesIn(queue));
-        queue.endWait();
-        queue.serviceMessages();
-        bytes.push_back(bytesIn(queue));
-    };
-    ASSERT_TRUE(queue.start());
-    ASSERT_TRUE(running.waitFor(1));
-    queue.postAsynchronously(new FnMessage([&] { return ++performed; }));
-    postedBusy.bump();
-    ASSERT_TRUE(waiting.waitFor(1));
-    queue.postAsynchronously(new FnMessage([&] { return ++performed; }));
-    postedWaiting.bump();
-    queue.join();
-    EXPECT_EQ(bytes, (std::vector<int>{0, 1, 0}));
-    EXPECT_EQ(mayBlock, (std::vector<bool>{false, true}));
-    EXPECT_EQ(performed, 2);
+    Counter waiting, postedWaiting;
+    auto wait = [&] { note(queue.beginWait() ? "may block" : "must not block"); };
+    std::thread whileWaiting([&] {
+        waiting.waitFor(1);
+        queue.postAsynchronously(noting("waiting"));
+        postedWaiting.bump();
+    });
+    run(
+        [&] {
+            wait();
+            queue.endWait();
+            queue.serviceMessages();
+            wait();
+            waiting.bump();
+            postedWaiting.waitFor(1);
+            note("woken");
+            queue.endWait();
+            queue.serviceMessages();
+            note("done");
+        },
+        [&] { queue.postAsynchronously(noting("busy")); });
+    whileWaiting.join();
+    EXPECT_EQ(seen, (Seen{"must not block: 0", "busy", "may block: 0", "woken: 1", "waiting",
+                          "done: 0"}));
 }
 
 }  // namespace

@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/ioctl.h>
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <new>
-#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -22,9 +19,8 @@
 
 namespace {
 
-using messaging::ControlMessage;
-using messaging::ControlMessageQueue;
 using messaging::ControlMessageQueueUNIX;
+using messagingtest::BodyServicer;
 using messagingtest::Counter;
 using messagingtest::FnMessage;
 using messagingtest::LoopServicer;
@@ -118,29 +114,32 @@ struct RunningQueue : ::testing::Test {
         ASSERT_TRUE(servicer.started.waitFor(runs + 1));
         ASSERT_TRUE(queue.isRunning());
     }
+    void stopAndJoin() {
+        servicer.stop();
+        queue.join();
+        EXPECT_FALSE(queue.isRunning());
+        EXPECT_EQ(queue.getWakeupDescriptor(), -1);
+    }
     LoopServicer servicer;
     ScriptedQueue queue{&servicer};
 };
 
-TEST_F(RunningQueue, StoppedQueuePerformsOnTheCallerAtOnce) {
-    EXPECT_FALSE(queue.isRunning());
-    EXPECT_EQ(queue.getWakeupDescriptor(), -1);
-    std::atomic<int> performed{0};
-    Counter freed;
-    queue.postAsynchronously(new FnMessage([&] { return ++performed; }, &freed));
-    EXPECT_EQ(performed, 1);  // no thread runs: done on this one before the post returned
-    EXPECT_EQ(freed.count(), 1);
-    FnMessage seven([] { return 7; });
-    EXPECT_EQ(queue.postSynchronously(seven), 7);
-    // The message is freed even when its action throws on the caller.
-    EXPECT_THROW(queue.postAsynchronously(
-                     new FnMessage([]() -> int { throw plat::Exception("boom"); }, &freed)),
-                 plat::Exception);
-    EXPECT_EQ(freed.count(), 2);
-    queue.postAsynchronously(nullptr);
-    queue.join();  // no thread ever ran: harmless, twice
-    queue.join();
-    EXPECT_FALSE(queue.isRunning());
+// Runs post() with its nth allocation failing. Returns whether that allocation was reached,
+// having checked that the post threw std::bad_alloc exactly when it was.
+template <typename Fn>
+bool failingAllocation(unsigned n, Fn&& post) {
+    bool threw = false, triggered;
+    {
+        zeltest::FailNthAllocation failure(n);
+        try {
+            post();
+        } catch (const std::bad_alloc&) {
+            threw = true;
+        }
+        triggered = failure.triggered();
+    }
+    EXPECT_EQ(threw, triggered) << "allocation " << n;
+    return triggered;
 }
 
 TEST_F(RunningQueue, MessagesFromSeveralThreadsArePerformedInQueueOrderExactlyOnce) {
@@ -161,26 +160,17 @@ TEST_F(RunningQueue, MessagesFromSeveralThreadsArePerformedInQueueOrderExactlyOn
         });
     }
     for (std::thread& t : producers) t.join();
-    servicer.stop();  // queued behind everything the producers posted
-    queue.join();
+    stopAndJoin();  // the stop is queued behind everything the producers posted
     ASSERT_EQ(performed.size(), static_cast<size_t>(kProducers * kEach));
     EXPECT_EQ(offThread, 0);
     std::vector<int> next(kProducers, 0);
-    for (const auto& [p, i] : performed) {
-        ASSERT_EQ(i, next[p]++) << "producer " << p;  // in order, none twice, none skipped
-    }
+    for (const auto& [p, i] : performed) ASSERT_EQ(i, next[p]++) << "producer " << p;
 }
 
 TEST_F(RunningQueue, SynchronousPostingReturnsTheResultOrTheException) {
     ASSERT_NO_FATAL_FAILURE(startAndWait());
-    bool onServicer = false;
-    FnMessage answer([&] {
-        onServicer = queue.isServicerThread();
-        return 42;
-    });
+    FnMessage answer([&] { return queue.isServicerThread() ? 42 : -1; });
     EXPECT_EQ(queue.postSynchronously(answer), 42);
-    EXPECT_TRUE(onServicer);
-    EXPECT_FALSE(queue.isServicerThread());
     FnMessage failing([]() -> int { throw plat::Exception("refused"); });
     EXPECT_THROW(queue.postSynchronously(failing), plat::Exception);
     // The loop survived; posting synchronously from the servicing thread performs at once
@@ -190,136 +180,58 @@ TEST_F(RunningQueue, SynchronousPostingReturnsTheResultOrTheException) {
         return queue.postSynchronously(inner) + 1;
     });
     EXPECT_EQ(queue.postSynchronously(nested), 6);
-    servicer.stop();
-    queue.join();
-}
-
-TEST_F(RunningQueue, JoinTwiceIsHarmlessAndTheQueueRestarts) {
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_NO_FATAL_FAILURE(startAndWait());
-        EXPECT_NE(queue.getWakeupDescriptor(), -1);
-        servicer.stop();
-        queue.join();
-        queue.join();
-        EXPECT_FALSE(queue.isRunning());
-        EXPECT_EQ(queue.getWakeupDescriptor(), -1);
-    }
-}
-
-TEST_F(RunningQueue, WakeupPipeHoldsOneBytePerQueuedMessage) {
-    ASSERT_NO_FATAL_FAILURE(startAndWait());
-    Counter entered, released;
-    queue.postAsynchronously(new FnMessage([&] {  // holds the loop until released
-        entered.bump();
-        return released.waitFor(1) ? 0 : -1;
-    }));
-    ASSERT_TRUE(entered.waitFor(1));
-    std::atomic<int> performed{0};
-    for (int i = 0; i < 3; ++i) {
-        queue.postAsynchronously(new FnMessage([&] { return ++performed; }));
-    }
-    int bytes = -1, bytesLeft = -1;
-    ASSERT_EQ(ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytes), 0);
-    EXPECT_EQ(bytes, 3);
-    released.bump();
-    FnMessage measure([&] { return ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytesLeft); });
-    EXPECT_EQ(queue.postSynchronously(measure), 0);
-    EXPECT_EQ(bytesLeft, 0);
-    EXPECT_EQ(performed, 3);
-    servicer.stop();
-    queue.join();
+    stopAndJoin();
 }
 
 // Messages left when run() returns are performed on the servicing thread, in order, after
 // the wake-up pipe has gone.
-class ReturningServicer : public ControlMessageQueue::Servicer {
-public:
-    void run() override {
+TEST(ControlMessageQueue, MessagesQueuedWhenRunReturnsArePerformedAfterThePipeCloses) {
+    BodyServicer servicer;
+    ControlMessageQueueUNIX queue(&servicer);
+    std::vector<int> seen;  // servicing thread only until join()
+    servicer.body = [&] {
         for (int i = 0; i < 3; ++i) {
-            queue->postAsynchronously(new FnMessage([this, i] {
-                order.push_back(i);
-                descriptors.push_back(queue->getWakeupDescriptor());
-                onServicer = onServicer && queue->isServicerThread();
+            queue.postAsynchronously(new FnMessage([&, i] {
+                bool ok = queue.isServicerThread() && queue.getWakeupDescriptor() == -1;
+                seen.push_back(ok ? i : -1);
                 return 0;
             }));
         }
-    }
-    ControlMessageQueue* queue = nullptr;
-    std::vector<int> order, descriptors;
-    bool onServicer = true;
-};
-
-TEST(ControlMessageQueue, MessagesQueuedWhenRunReturnsArePerformedAfterThePipeCloses) {
-    ReturningServicer servicer;
-    ControlMessageQueueUNIX queue(&servicer);
-    servicer.queue = &queue;
+    };
     ASSERT_TRUE(queue.start());
     queue.join();  // waits for run() and the finish that follows it
-    EXPECT_FALSE(queue.isRunning());
-    EXPECT_EQ(servicer.order, (std::vector<int>{0, 1, 2}));
-    EXPECT_EQ(servicer.descriptors, (std::vector<int>{-1, -1, -1}));
-    EXPECT_TRUE(servicer.onServicer);
+    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2}));
 }
 
-// run() posts one message, waits until the destructor has discarded it and stopped the
-// queue, then posts two more, which the stopped queue performs at once on this thread, and
-// returns.
-class LateServicer : public ControlMessageQueue::Servicer {
-public:
-    void run() override {
-        queue->postAsynchronously(new FnMessage([this] { return perform(0); }, &freed));
-        started.bump();
-        while (queue->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        for (int i = 1; i < 3; ++i) {
-            queue->postAsynchronously(new FnMessage([this, i] { return perform(i); }, &freed));
-        }
-    }
-    int perform(int i) {
-        order.push_back(i);
-        return 0;
-    }
-    ControlMessageQueue* queue = nullptr;
+// Nobody calls join(): the destructor must wait for a run() that is still going. The message
+// queued before the destructor came is discarded and freed; those posted once the queue has
+// stopped are performed at once on the posting thread.
+TEST(ControlMessageQueue, DestructorDiscardsQueuedMessagesAndWaitsForRun) {
+    BodyServicer servicer;
+    auto queue = std::make_unique<ControlMessageQueueUNIX>(&servicer);
+    ControlMessageQueueUNIX* q = queue.get();  // reset() clears queue before it destroys
     Counter started, freed;
     std::vector<int> order;
-};
-
-// Nobody calls join(): the destructor itself must wait for a run() that is still going.
-TEST(ControlMessageQueue, DestructorWaitsForARunThatIsStillGoing) {
-    LateServicer servicer;
-    auto queue = std::make_unique<ControlMessageQueueUNIX>(&servicer);
-    servicer.queue = queue.get();
-    ASSERT_TRUE(queue->start());
-    ASSERT_TRUE(servicer.started.waitFor(1));
-    queue.reset();
-    EXPECT_EQ(servicer.freed.count(), 3);
-    EXPECT_EQ(servicer.order, (std::vector<int>{1, 2}));
-}
-
-// run() neither services nor returns until five messages have been freed, so messages pile
-// up in the queue.
-class BlockedServicer : public ControlMessageQueue::Servicer {
-public:
-    void run() override {
+    servicer.body = [&] {
+        auto post = [&](int i) {
+            q->postAsynchronously(new FnMessage(
+                [&, i] {
+                    order.push_back(i);
+                    return 0;
+                },
+                &freed));
+        };
+        post(0);
         started.bump();
-        freed.waitFor(5);
-    }
-    Counter started, freed;
-};
-
-TEST(ControlMessageQueue, MessagesQueuedAtDestructionAreDiscardedAndFreed) {
-    BlockedServicer servicer;
-    std::atomic<int> performed{0};
-    {
-        ControlMessageQueueUNIX queue(&servicer);
-        ASSERT_TRUE(queue.start());
-        ASSERT_TRUE(servicer.started.waitFor(1));
-        for (int i = 0; i < 5; ++i) {
-            queue.postAsynchronously(new FnMessage([&] { return ++performed; }, &servicer.freed));
-        }
-        // The destructor frees them unperformed, which lets run() return for its join.
-    }
-    EXPECT_EQ(performed, 0);
-    EXPECT_EQ(servicer.freed.count(), 5);
+        while (q->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        post(1);
+        post(2);
+    };
+    ASSERT_TRUE(queue->start());
+    ASSERT_TRUE(started.waitFor(1));
+    queue.reset();
+    EXPECT_EQ(freed.count(), 3);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
 
 // The first thread exists but has not yet taken the queue mutex, so the queue does not
@@ -344,11 +256,11 @@ TEST_F(RunningQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
     EXPECT_FALSE(secondStarted);
     EXPECT_EQ(queue.threadsCreated.count(), 1);
     ASSERT_TRUE(servicer.started.waitFor(1));
-    servicer.stop();
-    queue.join();
+    stopAndJoin();
     EXPECT_EQ(servicer.started.count(), 1);
 }
 
+// While stopped, a post is performed at once on the caller, and freed even when it throws.
 TEST_F(RunningQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
     queue.failuresLeft = 1;
     queue.gate.bump();
@@ -359,38 +271,36 @@ TEST_F(RunningQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
     std::atomic<int> performed{0};
     Counter freed;
     queue.postAsynchronously(new FnMessage([&] { return ++performed; }, &freed));
-    EXPECT_EQ(performed, 1);  // at once, on this thread
+    EXPECT_EQ(performed, 1);
     EXPECT_EQ(freed.count(), 1);
-    EXPECT_EQ(servicer.started.count(), 0);   // run() was never called
-    ASSERT_NO_FATAL_FAILURE(startAndWait());  // joins the failed thread and runs normally
-    servicer.stop();
-    queue.join();
-    EXPECT_EQ(queue.inStartUp.count(), 2);
-}
-
-// run() services nothing and returns once the queue has stopped.
-class IdleServicer : public ControlMessageQueue::Servicer {
-public:
-    void run() override {
-        started.bump();
-        while (queue->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_THROW(queue.postAsynchronously(
+                     new FnMessage([]() -> int { throw plat::Exception("boom"); }, &freed)),
+                 plat::Exception);
+    EXPECT_EQ(freed.count(), 2);
+    EXPECT_EQ(servicer.started.count(), 0);    // run() was never called
+    for (int round = 0; round < 2; ++round) {  // joins the failed thread, then restarts
+        ASSERT_NO_FATAL_FAILURE(startAndWait());
+        stopAndJoin();
     }
-    ControlMessageQueue* queue = nullptr;
-    Counter started;
-};
+    EXPECT_EQ(queue.inStartUp.count(), 3);
+}
 
 // The destructor discards the waiting poster's entry, which wakes the poster with 0; the
 // poster still needs the queue mutex to return, so the queue must not go before it has.
 TEST(ControlMessageQueue, DestroyingTheQueueLetsAWaitingSynchronousPosterLeaveFirst) {
-    IdleServicer servicer;
-    Counter wakeGate, rewoken;
+    BodyServicer servicer;
+    Counter wakeGate, rewoken, started;
     auto queue = std::make_unique<ScriptedQueue>(&servicer);
-    servicer.queue = queue.get();
+    ScriptedQueue* q = queue.get();  // reset() clears queue before it destroys
+    servicer.body = [&] {
+        started.bump();
+        while (q->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    };
     queue->gate.bump();
     queue->wakeGate = &wakeGate;
     queue->rewoken = &rewoken;
     ASSERT_TRUE(queue->start());
-    ASSERT_TRUE(servicer.started.waitFor(1));
+    ASSERT_TRUE(started.waitFor(1));
     std::atomic<bool> performed{false};
     int result = -1;
     std::thread poster([&] {
@@ -413,50 +323,6 @@ TEST(ControlMessageQueue, DestroyingTheQueueLetsAWaitingSynchronousPosterLeaveFi
     EXPECT_FALSE(performed);
 }
 
-class FnServicer : public ControlMessageQueue::Servicer {
-public:
-    void run() override { body(); }
-    std::function<void()> body;
-};
-
-// An asynchronous action's exception reaches the loop that called serviceMessages(); its
-// entry is freed with it, the entries behind it wait for the next call, and the wake-up
-// bytes still match the queue.
-TEST(ControlMessageQueue, ActionThatThrowsInServiceMessagesReachesTheLoopAndTheRestStaysQueued) {
-    FnServicer servicer;
-    ControlMessageQueueUNIX queue(&servicer);
-    Counter running, posted, freed;
-    std::atomic<int> performed{0};
-    std::vector<std::string> seen;  // servicing thread only until join()
-    int bytesLeft = -1;
-    servicer.body = [&] {
-        running.bump();
-        posted.waitFor(1);
-        try {
-            queue.serviceMessages();
-            seen.push_back("no exception");
-        } catch (const plat::Exception& e) {
-            seen.push_back(e.str());
-        }
-        seen.push_back("freed " + std::to_string(freed.count()) + ", performed " +
-                       std::to_string(performed));
-        queue.serviceMessages();
-        seen.push_back("performed " + std::to_string(performed));
-        ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytesLeft);
-    };
-    ASSERT_TRUE(queue.start());
-    ASSERT_TRUE(running.waitFor(1));
-    queue.postAsynchronously(
-        new FnMessage([]() -> int { throw plat::Exception("action failed"); }, &freed));
-    queue.postAsynchronously(new FnMessage([&] { return ++performed; }, &freed));
-    posted.bump();
-    queue.join();
-    EXPECT_EQ(seen,
-              (std::vector<std::string>{"action failed", "freed 1, performed 0", "performed 1"}));
-    EXPECT_EQ(bytesLeft, 0);
-    EXPECT_EQ(freed.count(), 2);
-}
-
 // Every allocation of every post fails once in turn, while the loop is held so that the
 // queue itself has to grow: each failure throws std::bad_alloc at once with the message
 // freed and nothing queued, and every post that went through is performed once, in order.
@@ -469,43 +335,26 @@ TEST_F(RunningQueue, AllocationFailureInAnAsynchronousPostFreesTheMessage) {
     }));
     ASSERT_TRUE(entered.waitFor(1));
     constexpr int kPosts = 300;
-    std::vector<int> performed;  // servicing thread only until join()
+    std::vector<int> performed, expected;  // performed: servicing thread only until join()
     int failures = 0, queueGrowthFailures = 0;
-    // A lambda, so that a failed ASSERT still lets the loop go below.
-    auto postAll = [&] {
-        for (int k = 0; k < kPosts; ++k) {
-            for (unsigned n = 1;; ++n) {
-                auto* message = new FnMessage(
-                    [&performed, k] {
-                        performed.push_back(k);
-                        return 0;
-                    },
-                    &freed);
-                int freedBefore = freed.count();
-                bool threw = false, triggered;
-                {
-                    zeltest::FailNthAllocation failure(n);
-                    try {
-                        queue.postAsynchronously(message);
-                    } catch (const std::bad_alloc&) {
-                        threw = true;
-                    }
-                    triggered = failure.triggered();
-                }
-                ASSERT_EQ(threw, triggered) << "post " << k << ", allocation " << n;
-                if (!triggered) break;
-                ASSERT_EQ(freed.count(), freedBefore + 1) << "post " << k << ", allocation " << n;
-                ++failures;
-                if (n > 1) ++queueGrowthFailures;
-            }
+    for (int k = 0; k < kPosts; ++k) {
+        expected.push_back(k);
+        for (unsigned n = 1;; ++n) {
+            auto record = [&performed, k] {
+                performed.push_back(k);
+                return 0;
+            };
+            auto* message = new FnMessage(record, &freed);
+            int freedBefore = freed.count();
+            if (!failingAllocation(n, [&] { queue.postAsynchronously(message); })) break;
+            EXPECT_EQ(freed.count(), freedBefore + 1) << "post " << k << ", allocation " << n;
+            ++failures;
+            queueGrowthFailures += n > 1;
         }
-    };
-    postAll();
+    }
     released.bump();
     servicer.stop();
     queue.join();
-    std::vector<int> expected(kPosts);
-    for (int k = 0; k < kPosts; ++k) expected[k] = k;
     EXPECT_EQ(performed, expected);
     EXPECT_EQ(freed.count(), kPosts + failures);
     EXPECT_GE(queueGrowthFailures, 1);
@@ -515,33 +364,16 @@ TEST_F(RunningQueue, AllocationFailureInAnAsynchronousPostFreesTheMessage) {
 // action never runs; once they succeed it runs exactly once.
 TEST_F(RunningQueue, AllocationFailureInASynchronousPostIsThrownWithNothingPerformed) {
     ASSERT_NO_FATAL_FAILURE(startAndWait());
-    int performed = 0;
+    int performed = 0, result = -1;
     FnMessage message([&] { return ++performed; });
     unsigned n = 1;
-    for (;; ++n) {
-        bool threw = false, triggered;
-        int result = -1;
-        {
-            zeltest::FailNthAllocation failure(n);
-            try {
-                result = queue.postSynchronously(message);
-            } catch (const std::bad_alloc&) {
-                threw = true;
-            }
-            triggered = failure.triggered();
-        }
-        if (!triggered) {
-            EXPECT_FALSE(threw);
-            EXPECT_EQ(result, 1);
-            break;
-        }
-        EXPECT_TRUE(threw) << n;
+    for (; failingAllocation(n, [&] { result = queue.postSynchronously(message); }); ++n) {
         EXPECT_EQ(performed, 0) << n;
         ASSERT_LT(n, 20u);
     }
     EXPECT_GE(n, 2u);
-    servicer.stop();
-    queue.join();
+    EXPECT_EQ(result, 1);
+    stopAndJoin();
     EXPECT_EQ(performed, 1);
 }
 

@@ -56,15 +56,20 @@ private:
     Counter* freed_;
 };
 
+// Runs whatever body the test gives it as the servicing thread's run().
+class BodyServicer : public messaging::ControlMessageQueue::Servicer {
+public:
+    void run() override { body(); }
+    std::function<void()> body;
+};
+
 // The servicing thread's loop as an endpoint runs it: fire the due timers, wait in select()
 // on the wake-up descriptor no longer than the clock allows, service the queue when it is
-// readable; until stop(). The loop may start one timer of its own.
-class LoopServicer : public messaging::ControlMessageQueue::Servicer, public plat::Timer::Callback {
+// readable; until stop().
+class LoopServicer : public messaging::ControlMessageQueue::Servicer {
 public:
     void run() override {
         plat::TimerManager manager;
-        plat::Timer timer(this);
-        if (timerMs > 0) timer.start(timerMs);
         stopRequested_ = false;
         started.bump();
         int fd = queue->getWakeupDescriptor();
@@ -80,10 +85,6 @@ public:
             }
         }
     }
-    int timerFired(plat::Timer&) override {
-        fired.bump();
-        return 0;
-    }
     // Ends the loop through the queue, so every message posted before is performed first.
     void stop() {
         FnMessage message([this] {
@@ -94,9 +95,7 @@ public:
     }
 
     messaging::ControlMessageQueue* queue = nullptr;
-    int timerMs = 0;
     Counter started;
-    Counter fired;
 
 private:
     bool stopRequested_ = false;  // touched by the servicing thread only

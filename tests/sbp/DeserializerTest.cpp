@@ -42,7 +42,6 @@ TEST(DeserializerTest, InputsGiveTheseTraces) {
         {"0000000A A1 00000001 0000000B 82 01 80", kMalformed, "S10:1 z11:1"},
         {"01020304 85 000000", kTruncated, ""},
         {"010203", kTruncated, ""},
-        {"", kTruncated, ""},
         {"00000001 91 00000001 00E9", kOk, "s1:C3A9"},
         {"00000001 91 00000002 0800 FFFF", kOk, "s1:E0A080EFBFBF"},
         {"00000001 91 00000000", kOk, "s1:"},

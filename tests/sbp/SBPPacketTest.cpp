@@ -27,41 +27,27 @@ Bytes packetBytes(uint8_t command, uint32_t uid, uint16_t packetId, uint32_t val
     return Bytes(out.data(), out.data() + out.length());
 }
 
-TEST(SBPPacket, WritesTheDocumentedLayout) {
+TEST(SBPPacket, WritesTheLayoutAndReadsItBackInPlace) {
     EXPECT_EQ(packetBytes(0xB3, 0x01020304, 0x0506, 0x0100000A, {}),
               (Bytes{0xB3, 0, 0, 0, 15, 1, 2, 3, 4, 5, 6, 1, 0, 0, 0x0A, 0, 0, 0, 0, 0xB0}));
-    Bytes withOne = packetBytes(0xB9, 7, 1, 0, {0x42});
-    EXPECT_EQ(withOne, (Bytes{0xB9, 0, 0, 0, 12, 0, 0, 0, 7, 0, 1, 0, 0, 0, 0, 0x42, 0xB0}));
-    EXPECT_EQ(packetBytes(0xB2, 1, 1, 0, Bytes(300, 9)).size(), 316u);
-}
-
-TEST(SBPPacket, ReadsWhatWasWritten) {
-    for (size_t n : {0u, 5u, 6u, 8100u}) {
+    EXPECT_EQ(packetBytes(0xB9, 7, 1, 0, {0x42}),
+              (Bytes{0xB9, 0, 0, 0, 12, 0, 0, 0, 7, 0, 1, 0, 0, 0, 0, 0x42, 0xB0}));
+    // A length of 15 or less means "no payload" to every peer, so one to four payload bytes
+    // are written but not delivered; SBP data is never that short.
+    for (size_t n : {0u, 1u, 4u, 5u, 8100u}) {
+        SCOPED_TRACE(n);
         Bytes payload(n);
         for (size_t i = 0; i < n; ++i) payload[i] = static_cast<uint8_t>(i * 7);
         Bytes wire = packetBytes(0xB9, 0xDEADBEEF, 0xFFFF, 0x10000000, payload);
+        ASSERT_EQ(wire.size(), n == 0 ? 20 : 16 + n);  // no payload is four zero bytes
         SBPPacket p;
-        ASSERT_EQ(readSBPPacket(wire.data(), wire.size(), {"test", nullptr}, &p), 0) << n;
+        ASSERT_EQ(readSBPPacket(wire.data(), wire.size(), {"test", nullptr}, &p), 0);
         EXPECT_EQ(p.command, 0xB9);
         EXPECT_EQ(p.uid, 0xDEADBEEFu);
         EXPECT_EQ(p.packetId, 0xFFFF);
         EXPECT_EQ(p.commandValue, 0x10000000u);
-        EXPECT_EQ(Bytes(p.payload, p.payload + p.payloadSize), payload);
-        if (n > 0) {
-            EXPECT_EQ(p.payload, wire.data() + 15);  // in place, no copy
-        }
-    }
-}
-
-TEST(SBPPacket, PayloadsOfUpToFourBytesReadAsNone) {
-    // A length of 15 or less means "no payload" to every peer, so one to four payload bytes
-    // are written but not delivered; SBP data is never that short.
-    for (size_t n : {1u, 4u}) {
-        Bytes wire = packetBytes(0xB9, 1, 1, 0, Bytes(n, 0x55));
-        SBPPacket p;
-        ASSERT_EQ(readSBPPacket(wire.data(), wire.size(), {"t", nullptr}, &p), 0);
-        EXPECT_EQ(p.payload, nullptr);
-        EXPECT_EQ(p.payloadSize, 0u);
+        EXPECT_EQ(Bytes(p.payload, p.payload + p.payloadSize), n > 4 ? payload : Bytes());
+        EXPECT_EQ(p.payload, n > 4 ? wire.data() + 15 : nullptr);  // in place, no copy
     }
 }
 
@@ -73,38 +59,34 @@ TEST(SBPPacket, RefusesMalformedPacketsWithOneDebugLine) {
     shorter[4] -= 1;  // now the byte before the marker must be the marker
     Bytes noMarker = good;
     noMarker.back() = 0xB1;
-    struct Case {
-        const char* name;
+    const struct {
         Bytes wire;
         int result;
         std::vector<std::string> lines;  // after the summary line, when there is one
     } cases[] = {
-        {"14 bytes", Bytes(good.begin(), good.begin() + 14), 15, {"Truncated SBP command"}},
-        {"length one too large", longer, 15, {"Truncated SBP packet"}},
-        {"length one too small", shorter, 0, {"Excess trailing data after SBP packet"}},
-        {"no end marker", noMarker, 15, {"SBP command missing end marker"}},
+        {Bytes(good.begin(), good.begin() + 14), 15, {"Truncated SBP command"}},
+        {longer, 15, {"Truncated SBP packet"}},
+        {shorter, 0, {"Excess trailing data after SBP packet"}},
+        {noMarker, 15, {"SBP command missing end marker"}},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.lines[0]);
         zeltest::RecordingLogger logger;
         SBPPacket p;
         EXPECT_EQ(readSBPPacket(c.wire.data(), c.wire.size(), {"ZELSBPSink", &logger}, &p),
-                  c.result)
-            << c.name;
+                  c.result);
         std::vector<std::string> texts;
         for (const auto& line : logger.lines) {
-            EXPECT_EQ(line.level, 100) << c.name;
-            EXPECT_EQ(line.facility, "ZELSBPSink") << c.name;
+            EXPECT_EQ(line.level, 100);
+            EXPECT_EQ(line.facility, "ZELSBPSink");
             if (line.text.rfind("SBP packet: ", 0) != 0) texts.push_back(line.text);
         }
-        EXPECT_EQ(texts, c.lines) << c.name;
+        EXPECT_EQ(texts, c.lines);
+        // A shortened length that still ends on a marker parses, with the shorter payload.
+        if (c.result == 0) {
+            EXPECT_EQ(p.payloadSize, 6u);
+        }
     }
-    // A shortened length that still ends on a marker parses, with the shorter payload.
-    SBPPacket p;
-    ASSERT_EQ(readSBPPacket(shorter.data(), shorter.size(), {"t", nullptr}, &p), 0);
-    EXPECT_EQ(p.payloadSize, 6u);
-}
-
-TEST(SBPPacket, SummaryLineCarriesTheHeaderFields) {
     Bytes wire = packetBytes(0xB4, 0xAB, 3, 0xB3, {});
     zeltest::RecordingLogger logger;
     SBPPacket p;
@@ -122,11 +104,8 @@ struct Owner : zelcdbsdk::SBPRequestOwner {
     SBPRequestTable* removeFrom = nullptr;
     int requestTimedOut(SBPRequest& request) override {
         ++timeouts;
-        if (removeFrom) {
-            removeFrom->remove(request);
-            return 0;
-        }
-        return again;
+        if (removeFrom) removeFrom->remove(request);
+        return removeFrom ? 0 : again;
     }
 };
 
@@ -134,30 +113,24 @@ std::unique_ptr<SBPRequest> request(Owner& owner, uint32_t command, uint32_t uid
     return std::unique_ptr<SBPRequest>(new SBPRequest(&owner, command, uid, id));
 }
 
-TEST(SBPRequestTable, PacketIdsRunUpwardSkipInUseAndWrap) {
+TEST(SBPRequestTable, PacketIdsRunUpwardSkipInUseWrapAndRunOut) {
     plat::TimerManager timers;
     Owner owner;
     SBPRequestTable table;
     EXPECT_EQ(table.allocatePacketId(), 1);  // 0 is never handed out
-    EXPECT_EQ(table.allocatePacketId(), 2);
-    table.add(request(owner, 0xB1, 1, 3), 5000);
-    EXPECT_EQ(table.allocatePacketId(), 4);  // 3 is in use
-    for (int i = 5; i <= 0xFFFF; ++i) table.allocatePacketId();
+    table.add(request(owner, 0xB1, 0, 2), 5000);
+    EXPECT_EQ(table.allocatePacketId(), 3);  // 2 is in use
+    for (int i = 4; i <= 0xFFFF; ++i) table.allocatePacketId();
     EXPECT_EQ(table.allocatePacketId(), 1);  // wrapped past 0
-}
-
-TEST(SBPRequestTable, NoFreePacketIdGivesZero) {
-    plat::TimerManager timers;
-    Owner owner;
-    SBPRequestTable table;
-    for (uint32_t i = 0; i < 0xFFFF; ++i) {
+    for (uint32_t i = 1; i < 0xFFFF; ++i) {
         uint16_t id = table.allocatePacketId();
         ASSERT_NE(id, 0) << i;
         table.add(request(owner, 0xB1, i, id), 5000);
     }
     EXPECT_EQ(table.allocatePacketId(), 0);
+    uint16_t freed = table.find(0xB1, 77)->packetId;
     table.remove(*table.find(0xB1, 77));
-    EXPECT_EQ(table.allocatePacketId(), 78);
+    EXPECT_EQ(table.allocatePacketId(), freed);
 }
 
 TEST(SBPRequestTable, BothIndexesAlwaysAgree) {
@@ -191,18 +164,17 @@ TEST(SBPRequestTable, TimerTellsTheOwnerWhichMayRemoveOrRearm) {
     SBPRequestTable table;
     SBPRequest& r = table.add(request(owner, 0xB1, 1, 1), 4000);
     owner.again = 1;
-    clock.advanceMs(3999);
-    timers.processTimers();
-    EXPECT_EQ(owner.timeouts, 0);
-    clock.advanceMs(1);
-    timers.processTimers();
-    EXPECT_EQ(owner.timeouts, 1);
+    auto after = [&](int ms) {
+        clock.advanceMs(ms);
+        timers.processTimers();
+        return owner.timeouts;
+    };
+    EXPECT_EQ(after(3999), 0);
+    EXPECT_EQ(after(1), 1);
     EXPECT_TRUE(r.timer.isRunning());
     EXPECT_EQ(r.timer.interval(), 4000);
     owner.removeFrom = &table;
-    clock.advanceMs(4000);
-    timers.processTimers();
-    EXPECT_EQ(owner.timeouts, 2);
+    EXPECT_EQ(after(4000), 2);
     EXPECT_TRUE(table.empty());
     EXPECT_FALSE(timers.hasTimers());
 }

@@ -1,7 +1,6 @@
 // What a queued control message keeps once the API call that built it has returned.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 
 #include "sdk/ControlMessages.h"
@@ -17,26 +16,6 @@ struct TrackedHandler : CDBService::Handler {
     void servicePayload(const uint8_t*, size_t) override {}
     bool* alive;
 };
-
-TEST(ControlMessages, PayloadCloneOwnsACopyOfTheBytes) {
-    for (uint32_t length : {0u, 1u, 8100u}) {
-        SCOPED_TRACE(length);
-        std::unique_ptr<uint8_t[]> caller(new uint8_t[length + 1]);
-        std::memset(caller.get(), 'a', length);
-        SendServicePayloadMessage message(nullptr, 0x4001, caller.get(), length);
-        std::unique_ptr<SendServicePayloadMessage> copy(
-            static_cast<SendServicePayloadMessage*>(message.clone()));
-        std::memset(caller.get(), 'X', length);
-        caller.reset();
-        ASSERT_TRUE(copy);
-        ASSERT_EQ(copy->length(), length);
-        for (uint32_t i = 0; i < length; ++i) ASSERT_EQ(copy->data()[i], 'a') << i;
-        std::unique_ptr<SendServicePayloadMessage> again(
-            static_cast<SendServicePayloadMessage*>(copy->clone()));
-        copy.reset();
-        for (uint32_t i = 0; i < length; ++i) ASSERT_EQ(again->data()[i], 'a') << i;
-    }
-}
 
 // The creator, the caller's message and each clone hold one reference each: the handler
 // lives exactly as long as the last of them.

@@ -21,8 +21,7 @@ void countLine(ZELCDBEndpoint*, void*, const char*, int32_t, const char*) {
 }
 
 struct Endpoint {
-    explicit Endpoint(int32_t mode = ZELCDBEndpointModeServer)
-        : url(sdktest::loopbackUrl(sdktest::freePort())) {
+    explicit Endpoint(int32_t mode = ZELCDBEndpointModeServer) : url(sdktest::freeUrl()) {
         ZELCDBEndpointParameters parameters = {url.c_str(), mode, nullptr, 1, 1};
         ZELCDBEndpointCallbacks callbacks = {&countLine, nullptr, nullptr, nullptr, nullptr};
         EXPECT_EQ(
@@ -59,7 +58,7 @@ ZELCDBError failEachAllocation(const std::function<ZELCDBError()>& call,
 }
 
 TEST(EndpointAllocation, CreateFailsCleanly) {
-    std::string url = sdktest::loopbackUrl(sdktest::freePort());
+    std::string url = sdktest::freeUrl();
     ZELCDBEndpointParameters parameters = {url.c_str(), ZELCDBEndpointModeClient, nullptr, 1, 1};
     ZELCDBEndpointCallbacks callbacks = {&countLine, nullptr, nullptr, nullptr, nullptr};
     ZELCDBEndpoint* endpoint = nullptr;

@@ -52,8 +52,8 @@ inline std::string format(const char* fmt, ...) {
     return buffer;
 }
 
-// A loopback port that nothing listens on at the moment.
-inline int freePort() {
+// A TCP socket bound to a free loopback port; the port goes to *port.
+inline int boundSocket(int* port) {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -61,12 +61,22 @@ inline int freePort() {
     ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     socklen_t length = sizeof address;
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
+    *port = ntohs(address.sin_port);
+    return fd;
+}
+
+// A loopback port that nothing listens on at the moment.
+inline int freePort() {
+    int port = 0;
+    ::close(boundSocket(&port));
+    return port;
 }
 
 inline std::string loopbackUrl(int port) {
     return "cdb://127.0.0.1:" + std::to_string(port);
+}
+inline std::string freeUrl() {
+    return loopbackUrl(freePort());
 }
 
 // Waits until something listens on the loopback port (a server endpoint's thread listens
@@ -88,21 +98,13 @@ inline bool waitListening(int port) {
 
 // A raw TCP listener on a free loopback port: it accepts (when asked) and never says a word.
 struct SilentPeer {
+    int port = 0;
     int listener = -1;
     int accepted = -1;
-    int port = 0;
     std::vector<int> extra;
 
-    explicit SilentPeer(int backlog = 4) {
-        listener = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    explicit SilentPeer(int backlog = 4) : listener(boundSocket(&port)) {
         ::listen(listener, backlog);
-        socklen_t length = sizeof address;
-        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
     }
     ~SilentPeer() {
         if (accepted >= 0) ::close(accepted);
@@ -184,20 +186,17 @@ public:
     }
     int count(const std::string& line) {
         std::lock_guard<std::mutex> lock(mutex_);
-        return countLocked(line);
+        return countLocked(line, false);
     }
     template <typename Duration = decltype(kPatience)>
     bool waitFor(const std::string& line, int times = 1, Duration patience = kPatience) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, patience, [&] { return countLocked(line) >= times; });
+        return changed_.wait_for(lock, patience, [&] { return countLocked(line, false) >= times; });
     }
     bool waitForPrefix(const std::string& prefix, int times = 1) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, kPatience, [&] {
-            int n = 0;
-            for (const auto& l : lines_) n += l.compare(0, prefix.size(), prefix) == 0;
-            return n >= times;
-        });
+        return changed_.wait_for(lock, kPatience,
+                                 [&] { return countLocked(prefix, true) >= times; });
     }
     // Index of the first line equal to `line`, -1 if none.
     int indexOf(const std::string& line) {
@@ -209,18 +208,17 @@ public:
     }
     // The lines that start with prefix, in order.
     std::vector<std::string> startingWith(const std::string& prefix) {
-        std::lock_guard<std::mutex> lock(mutex_);
         std::vector<std::string> found;
-        for (const auto& l : lines_) {
+        for (const auto& l : lines()) {
             if (l.compare(0, prefix.size(), prefix) == 0) found.push_back(l);
         }
         return found;
     }
 
 private:
-    int countLocked(const std::string& line) {
+    int countLocked(const std::string& text, bool prefix) {
         int n = 0;
-        for (const auto& l : lines_) n += l == line;
+        for (const auto& l : lines_) n += prefix ? l.compare(0, text.size(), text) == 0 : l == text;
         return n;
     }
 

@@ -164,29 +164,6 @@ inline Bytes packet(uint8_t command, uint32_t uid, uint16_t packetId, uint32_t v
     return out;
 }
 
-struct Fields {
-    uint8_t command = 0;
-    uint32_t uid = 0;
-    uint16_t packetId = 0;
-    uint32_t value = 0;
-};
-
-// The header of a packet of at least 15 bytes.
-inline Fields fieldsOf(const uint8_t* data, size_t size) {
-    Fields f;
-    if (size < 15) return f;
-    auto get = [&](size_t at, int bytes) {
-        uint32_t v = 0;
-        for (int i = 0; i < bytes; ++i) v = v << 8 | data[at + i];
-        return v;
-    };
-    f.command = data[0];
-    f.uid = get(5, 4);
-    f.packetId = static_cast<uint16_t>(get(9, 2));
-    f.value = get(11, 4);
-    return f;
-}
-
 inline std::string hex(const uint8_t* data, size_t size) {
     std::string text;
     for (size_t i = 0; i < size; ++i) text += format("%02x", data[i]);

@@ -1,12 +1,9 @@
 // SBP between two endpoints over loopback, through the function table alone, on virtual
-// time. The server offers the vehicle service (an SBP source), a scripted service (a plain
-// CDB source whose packets the test writes, standing in for an SBP source that misbehaves)
-// and a twin of the vehicle service; the client's dashboard attaches an SBP sink to the
-// vehicle service, a probe sink to the scripted service, and a plain CDB sink ("wire") to
-// the twin, through which the test sends packets that no SBP sink would.
+// time: the server's vehicle service (an SBP source) used by the client's dashboard (an SBP
+// sink).
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -22,48 +19,6 @@ void* ctx(const char* text) {
     return const_cast<char*>(text);
 }
 
-// A plain CDB service or sink that shows each SBP packet it receives as
-// "packet <command> <name> <packetId> <value>" and sends what the test writes. As a source
-// it answers StartService (1) and StopService (2) itself.
-class Scripted {
-public:
-    sdktest::Recorder events;
-    ZELCDBEndpoint* endpoint = nullptr;
-    uint16_t serviceId = 0;
-
-    ZELCDBError send(const Bytes& bytes) {
-        return api().endpointSendServicePayload(endpoint, serviceId, bytes.data(),
-                                                static_cast<uint32_t>(bytes.size()));
-    }
-    static void record(void* c, const uint8_t* data, uint32_t length) {
-        Fields f = fieldsOf(data, length);
-        of(c).events.add(
-            format("packet %x %s %u %x", f.command, nameOf(f.uid).c_str(), f.packetId, f.value));
-    }
-    static ZELCDBSourceServiceCallbacks sourceTable() {
-        return {[](ZELCDBEndpoint* e, void*, uint16_t id, void* c, uint8_t, uint8_t) {
-                    of(c).events.add("start");
-                    EXPECT_EQ(api().endpointSendServiceResponse(e, id, 1), ZELCDBErrorNone);
-                },
-                [](ZELCDBEndpoint* e, void*, uint16_t id, void* c) {
-                    of(c).events.add("stop");
-                    EXPECT_EQ(api().endpointSendServiceResponse(e, id, 2), ZELCDBErrorNone);
-                },
-                [](ZELCDBEndpoint*, void*, uint16_t, void* c, const uint8_t* data,
-                   uint32_t length) { record(c, data, length); }};
-    }
-    static ZELCDBSinkCallbacks sinkTable() {
-        return {[](ZELCDBEndpoint*, void*, uint16_t, void* c, const uint8_t* data,
-                   uint32_t length) { record(c, data, length); },
-                [](ZELCDBEndpoint*, void*, uint16_t, void* c, uint16_t code) {
-                    of(c).events.add(format("response %d", code));
-                }};
-    }
-
-private:
-    static Scripted& of(void* c) { return *static_cast<Scripted*>(c); }
-};
-
 class SBPFlowTest : public ::testing::Test {
 protected:
     SBPFlowTest() : useClock_(&clock_), pair_(&clock_) {}
@@ -76,33 +31,8 @@ protected:
                   ZELCDBErrorNone);
         vehicle_.endpoint = server();
         vehicle_.serviceId = service.serviceId;
-        ZELCDBSourceServiceCallbacks scripted = Scripted::sourceTable();
-        service = {0, "scripted", 1, 0, 0, 0};
-        ASSERT_EQ(api().endpointAddSourceService(server(), &scripted_, &service, sizeof service,
-                                                 &scripted, sizeof scripted),
-                  ZELCDBErrorNone);
-        scripted_.endpoint = server();
-        scripted_.serviceId = service.serviceId;
-        service = {0, "twin", 1, 0, 0, 0};
-        ASSERT_EQ(api().sourceCreate(server(), &twin_, &service, sizeof service, &vehicle,
-                                     sizeof vehicle),
-                  ZELCDBErrorNone);
-        twin_.endpoint = server();
-        twin_.serviceId = service.serviceId;
         ASSERT_TRUE(pair_.connect());
         ASSERT_NO_FATAL_FAILURE(attach(pair_.client, dashboard_));
-    }
-
-    // What the applications heard, for the failure's report.
-    void TearDown() override {
-        if (!HasFailure()) return;
-        for (auto* recorder : {&dashboard_.events, &vehicle_.events, &probe_.events,
-                               &scripted_.events, &wire_.events, &twin_.events}) {
-            std::fprintf(stderr, "--\n");
-            for (const std::string& line : recorder->lines()) {
-                std::fprintf(stderr, "  %s\n", line.c_str());
-            }
-        }
     }
 
     ZELCDBEndpoint* server() { return pair_.server.ep; }
@@ -117,25 +47,6 @@ protected:
         ASSERT_EQ(app.startService(vehicle_.serviceId), ZELCDBErrorNone);
         ASSERT_TRUE(dashboard.events.waitFor("status 1"));
     }
-    void startProbe() {
-        ZELSBPSinkCallbacks callbacks = Dashboard::table();
-        ASSERT_EQ(
-            api().sinkCreate(client(), &probe_, scripted_.serviceId, &callbacks, sizeof callbacks),
-            ZELCDBErrorNone);
-        ASSERT_EQ(pair_.client.startService(scripted_.serviceId), ZELCDBErrorNone);
-        ASSERT_TRUE(probe_.events.waitFor("status 1"));
-    }
-    void startWire() {
-        ZELCDBSinkCallbacks callbacks = Scripted::sinkTable();
-        ASSERT_EQ(
-            api().endpointAddSink(client(), &wire_, twin_.serviceId, &callbacks, sizeof callbacks),
-            ZELCDBErrorNone);
-        wire_.endpoint = client();
-        wire_.serviceId = twin_.serviceId;
-        ASSERT_EQ(pair_.client.startService(twin_.serviceId), ZELCDBErrorNone);
-        ASSERT_TRUE(wire_.events.waitFor("response 1"));
-    }
-
     // Returns once both endpoints have fired every timer due at the current virtual time
     // and the dashboard has heard everything the vehicle sent because of them: two Alive
     // round trips one after the other, since the first may overtake the server's wake-up.
@@ -156,9 +67,8 @@ protected:
 
     plat::ManualClock clock_;
     plat::ScopedClock useClock_;
-    Vehicle vehicle_, twin_;
-    Scripted scripted_, wire_;
-    Dashboard dashboard_, probe_;
+    Vehicle vehicle_;
+    Dashboard dashboard_;
     sdktest::Pair pair_;
 };
 
@@ -188,29 +98,6 @@ TEST_F(SBPFlowTest, GetAnsweredAtOnceAndAfterTenSeconds) {
     EXPECT_EQ(dashboard_.events.startingWith("error"), Lines{});
     ASSERT_EQ(vehicle_.answer(uidOf("position")), ZELCDBErrorNone);
     ASSERT_TRUE(dashboard_.events.waitFor("data g2 b1 position(latitude=48.137 longitude=11.575)"));
-}
-
-TEST_F(SBPFlowTest, SetValuesReadBackByGet) {
-    struct Case {
-        const char* element;
-        Bytes value;
-        const char* shown;
-    } cases[] = {
-        {"speed", intValue("speed", -95), "speed=-95"},
-        {"driver", stringValue("driver", "Bob Smith"), "driver='Bob Smith'"},
-        {"position", positionValue(-33.5, 151.25), "position(latitude=-33.5 longitude=151.25)"},
-        {"pressures", pressuresValue({1.5f, -0.25f}), "pressures(1.5 -0.25)"},
-    };
-    for (const Case& c : cases) {
-        ASSERT_EQ(api().sinkSendSet(client(), vehicle_.serviceId, ctx("s"), uidOf(c.element),
-                                    c.value.data(), static_cast<uint32_t>(c.value.size())),
-                  ZELCDBErrorNone);
-        ASSERT_TRUE(vehicle_.events.waitFor(std::string("set ") + c.shown)) << c.element;
-        ASSERT_TRUE(dashboard_.events.waitFor(std::string("set-done s ") + c.element));
-        ASSERT_EQ(api().sinkSendGet(client(), vehicle_.serviceId, ctx("g"), uidOf(c.element)),
-                  ZELCDBErrorNone);
-        ASSERT_TRUE(dashboard_.events.waitFor(std::string("data g b1 ") + c.shown));
-    }
 }
 
 TEST_F(SBPFlowTest, PeriodicSubscriptionRunsUntilCancelledThenBothRecordsAreGone) {
@@ -243,20 +130,6 @@ TEST_F(SBPFlowTest, PeriodicSubscriptionRunsUntilCancelledThenBothRecordsAreGone
     EXPECT_EQ(dashboard_.events.startingWith("error u2"), Lines{});
 }
 
-TEST_F(SBPFlowTest, OnChangeUpdatesComeFromTheApplication) {
-    const uint32_t speed = uidOf("speed");
-    ASSERT_EQ(api().sinkSendSubscribe(client(), vehicle_.serviceId, ctx("u"), speed, 1, 1000),
-              ZELCDBErrorNone);
-    ASSERT_TRUE(dashboard_.events.waitFor("subscribed u speed"));
-    advance(3000);
-    EXPECT_EQ(vehicle_.events.count("get b3 speed"), 0);  // no ticks
-    for (int value : {100, 101}) {
-        vehicle_.setValue(speed, intValue("speed", value));
-        ASSERT_EQ(vehicle_.answer(speed, 0xB3), ZELCDBErrorNone);
-        ASSERT_TRUE(dashboard_.events.waitFor(format("data u b3 speed=%d", value)));
-    }
-}
-
 TEST_F(SBPFlowTest, SubscriptionTypesAndIntervals) {
     struct Case {
         const char* context;
@@ -287,7 +160,7 @@ TEST_F(SBPFlowTest, SubscriptionTypesAndIntervals) {
     }
 }
 
-TEST_F(SBPFlowTest, DuplicateRequestsAreRefusedOnBothSides) {
+TEST_F(SBPFlowTest, DuplicateRequestIsRefusedBeforeItLeaves) {
     vehicle_.answerGets(Vehicle::Answer::kLater);
     const uint32_t speed = uidOf("speed");
     ASSERT_EQ(api().sinkSendGet(client(), vehicle_.serviceId, ctx("g1"), speed), ZELCDBErrorNone);
@@ -297,28 +170,12 @@ TEST_F(SBPFlowTest, DuplicateRequestsAreRefusedOnBothSides) {
     EXPECT_EQ(vehicle_.events.count("get b1 speed"), 1);  // the second never left
     ASSERT_EQ(vehicle_.answer(speed), ZELCDBErrorNone);
     ASSERT_TRUE(dashboard_.events.waitFor("data g1 b1 speed=88"));
-
-    // A second Get with a packetId of its own while the first is outstanding: the source
-    // answers it at once and keeps serving the first.
-    ASSERT_NO_FATAL_FAILURE(startWire());
-    twin_.answerGets(Vehicle::Answer::kLater);
-    ASSERT_EQ(wire_.send(packet(0xB1, speed, 7, 0)), ZELCDBErrorNone);
-    ASSERT_TRUE(twin_.events.waitFor("get b1 speed"));
-    ASSERT_EQ(wire_.send(packet(0xB1, speed, 8, 0)), ZELCDBErrorNone);
-    ASSERT_TRUE(wire_.events.waitFor("packet b9 speed 8 10000008"));
-    ASSERT_EQ(twin_.answer(speed), ZELCDBErrorNone);
-    ASSERT_TRUE(wire_.events.waitFor("packet b9 speed 7 0"));
-    EXPECT_EQ(twin_.events.count("get b1 speed"), 1);
 }
 
-TEST_F(SBPFlowTest, AuthenticationChallengeAnsweredAndUnanswered) {
+TEST_F(SBPFlowTest, UnansweredChallengeTimesOutAndFreesTheRequest) {
+    // The answered challenge is checked byte for byte against a raw peer; here it is left
+    // unanswered and times out on both sides.
     vehicle_.challengeGets(true);
-    ASSERT_EQ(api().sinkSendGet(client(), vehicle_.serviceId, ctx("g1"), uidOf("speed")),
-              ZELCDBErrorNone);
-    ASSERT_TRUE(dashboard_.events.waitFor("challenge g1 b1 speed challenge='prove it'"));
-    ASSERT_TRUE(vehicle_.events.waitFor("auth-response b1 speed 0 answer='proven'"));
-    ASSERT_TRUE(dashboard_.events.waitFor("data g1 b1 speed=88"));
-
     dashboard_.answerChallenges(false);
     ASSERT_EQ(api().sinkSendGet(client(), vehicle_.serviceId, ctx("g2"), uidOf("position")),
               ZELCDBErrorNone);
@@ -332,51 +189,6 @@ TEST_F(SBPFlowTest, AuthenticationChallengeAnsweredAndUnanswered) {
     ASSERT_EQ(api().sinkSendGet(client(), vehicle_.serviceId, ctx("g3"), uidOf("position")),
               ZELCDBErrorNone);
     ASSERT_TRUE(dashboard_.events.waitFor("data g3 b1 position(latitude=48.137 longitude=11.575)"));
-}
-
-TEST_F(SBPFlowTest, AliveRepeatsAndAMissingAnswerStopsTheService) {
-    ASSERT_NO_FATAL_FAILURE(startProbe());
-    ASSERT_EQ(api().sinkSendAlive(client(), scripted_.serviceId, ctx("a"), 3), ZELCDBErrorNone);
-    for (uint16_t id = 1; id <= 2; ++id) {
-        if (id > 1) advance(3000);
-        ASSERT_TRUE(scripted_.events.waitFor(format("packet b5 0 %u 0", id)));
-        ASSERT_EQ(scripted_.send(packet(0xB6, 0, id, 0)), ZELCDBErrorNone);
-        ASSERT_TRUE(probe_.events.waitFor("alive a", id));
-    }
-    advance(3000);
-    ASSERT_TRUE(scripted_.events.waitFor("packet b5 0 3 0"));
-    advance(3000);  // the next one finds the last still outstanding
-    ASSERT_TRUE(probe_.events.waitFor("error a b5 0 13 10000008"));
-    EXPECT_EQ(probe_.events.count("error a b5 0 12 0"), 0);
-    advance(2000);
-    ASSERT_TRUE(probe_.events.waitFor("error a b5 0 12 0"));
-    ASSERT_TRUE(scripted_.events.waitFor("stop"));
-    ASSERT_TRUE(probe_.events.waitFor("status 2"));
-    EXPECT_TRUE(pair_.client.waitForLog(10, "Warning: AliveResponse timeout, stopping service",
-                                        "ZELSBPSink"));
-    advance(6000);
-    EXPECT_EQ(scripted_.events.startingWith("packet b5").size(), 3u);
-}
-
-TEST_F(SBPFlowTest, UnansweredSubscribeIsCancelledAndTheCancelsAnswerReachesNoCallback) {
-    ASSERT_NO_FATAL_FAILURE(startProbe());
-    const uint32_t speed = uidOf("speed");
-    ASSERT_EQ(api().sinkSendSubscribe(client(), scripted_.serviceId, ctx("u"), speed, 0, 500),
-              ZELCDBErrorNone);
-    ASSERT_TRUE(scripted_.events.waitFor("packet b3 speed 1 1f4"));
-    advance(4000);
-    EXPECT_EQ(probe_.events.startingWith("error"), Lines{});
-    advance(1000);
-    ASSERT_TRUE(probe_.events.waitFor("error u b3 speed 12 0"));
-    ASSERT_TRUE(scripted_.events.waitFor("packet b4 speed 2 b3"));
-    ASSERT_EQ(scripted_.send(packet(0xB9, speed, 2, 0)), ZELCDBErrorNone);
-    ASSERT_EQ(scripted_.send(packet(0xB9, speed, 1, 0)), ZELCDBErrorNone);  // far too late
-    settle();
-    // The same subscription again: both records are gone, so it goes out.
-    ASSERT_EQ(api().sinkSendSubscribe(client(), scripted_.serviceId, ctx("v"), speed, 0, 500),
-              ZELCDBErrorNone);
-    ASSERT_TRUE(scripted_.events.waitFor("packet b3 speed 3 1f4"));
-    EXPECT_EQ(probe_.events.lines(), (Lines{"status 1", "error u b3 speed 12 0"}));
 }
 
 TEST_F(SBPFlowTest, AnErrorBelowTheInProgressMarkStopsTheService) {
@@ -432,6 +244,28 @@ TEST_F(SBPFlowTest, ANewPeerStartsTheServiceAgainAfterADisconnect) {
     ASSERT_TRUE(dashboard.events.waitFor("data g b1 position(latitude=48.137 longitude=11.575)"));
     EXPECT_EQ(dashboard.events.startingWith("error"), Lines{});
     ASSERT_EQ(second.stop(), ZELCDBErrorNone);
+}
+
+TEST_F(SBPFlowTest, EntriesRefuseValuesTheirFieldsCannotCarry) {
+    const uint16_t id = vehicle_.serviceId;
+    EXPECT_EQ(api().sinkSendGet(nullptr, id, nullptr, 1), ZELCDBErrorInvalidParameter);
+    EXPECT_EQ(api().sinkSendSubscribe(client(), id, nullptr, 1, 0, 0x1000000),
+              ZELCDBErrorInvalidParameter);
+    EXPECT_EQ(api().sinkSendSet(client(), id, nullptr, 1, nullptr, 3), ZELCDBErrorInvalidParameter);
+    for (auto* entry : {api().sourceSendSetResponse, api().sourceSendSubscribeResponse}) {
+        EXPECT_EQ(entry(server(), id, nullptr, 1, 0x10000000), ZELCDBErrorInvalidParameter);
+    }
+    EXPECT_EQ(api().sourceSendGetResponse(server(), id, nullptr, 0xB1, 1, 0x10000000, nullptr, 0),
+              ZELCDBErrorInvalidParameter);
+    ZELCDBService service = {0, "late", 1, 0, 0, 0};
+    ZELSBPSourceCallbacks callbacks{};
+    EXPECT_EQ(api().sourceCreate(server(), nullptr, &service, sizeof service, &callbacks,
+                                 sizeof callbacks),
+              ZELCDBErrorIllegalWhileRunning);
+    const uint32_t readSize = offsetof(ZELCDBService, accessControl) + sizeof(uint32_t);
+    EXPECT_EQ(
+        api().sourceCreate(server(), nullptr, &service, readSize - 1, &callbacks, sizeof callbacks),
+        ZELCDBErrorInvalidParameter);
 }
 
 }  // namespace

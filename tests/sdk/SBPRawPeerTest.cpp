@@ -328,41 +328,65 @@ TEST_F(SBPRawSourcePeerTest, PacketIdsWrapPastThoseInUseAndRunOut) {
     EXPECT_EQ(peer_.settle(), Lines{});
 }
 
+TEST_F(SBPRawSourcePeerTest, AliveRepeatsAndAMissingAnswerStopsTheService) {
+    ASSERT_EQ(api().sinkSendAlive(client_.ep, kService, ctx("a"), 3), ZELCDBErrorNone);
+    for (uint16_t id = 1; id <= 3; ++id) {
+        if (id > 1) clock_.advanceMs(3000);
+        ASSERT_EQ(peer_.next(), payloadLine(wire(0xB5, 15, 0, id, 0)));
+        if (id == 3) break;  // left unanswered
+        peer_.send(packet(0xB6, 0, id, 0));
+        ASSERT_TRUE(dashboard_.events.waitFor("alive a", id));
+    }
+    clock_.advanceMs(3000);  // the next one finds the last still outstanding
+    ASSERT_TRUE(dashboard_.events.waitFor("error a b5 0 13 10000008"));
+    EXPECT_EQ(peer_.settle(), Lines{});
+    EXPECT_EQ(dashboard_.events.count("error a b5 0 12 0"), 0);
+    clock_.advanceMs(2000);
+    ASSERT_EQ(peer_.next(), "StopService 0x4001");
+    ASSERT_TRUE(dashboard_.events.waitFor("error a b5 0 12 0"));
+    peer_.raw.w().sendServiceResponse(kService, 2);
+    peer_.flush();
+    ASSERT_TRUE(dashboard_.events.waitFor("status 2"));
+    EXPECT_TRUE(
+        client_.waitForLog(10, "Warning: AliveResponse timeout, stopping service", "ZELSBPSink"));
+    clock_.advanceMs(6000);
+    EXPECT_EQ(peer_.settle(), Lines{});
+}
+
+TEST_F(SBPRawSourcePeerTest, UnansweredSubscribeIsCancelledAndTheCancelsAnswerReachesNoCallback) {
+    const uint32_t speed = uidOf("speed");
+    ASSERT_EQ(api().sinkSendSubscribe(client_.ep, kService, ctx("u"), speed, 0, 500),
+              ZELCDBErrorNone);
+    ASSERT_EQ(peer_.next(), payloadLine(wire(0xB3, 15, speed, 1, 500)));
+    clock_.advanceMs(4000);
+    EXPECT_EQ(peer_.settle(), Lines{});
+    EXPECT_EQ(dashboard_.events.startingWith("error"), Lines{});
+    clock_.advanceMs(1000);
+    EXPECT_EQ(peer_.next(), payloadLine(wire(0xB4, 15, speed, 2, 0xB3)));
+    ASSERT_TRUE(dashboard_.events.waitFor("error u b3 speed 12 0"));
+    peer_.send(packet(0xB9, speed, 2, 0));
+    peer_.send(packet(0xB9, speed, 1, 0));  // far too late
+    EXPECT_EQ(peer_.settle(), Lines{});
+    // The same subscription again: both records are gone, so it goes out.
+    ASSERT_EQ(api().sinkSendSubscribe(client_.ep, kService, ctx("v"), speed, 0, 500),
+              ZELCDBErrorNone);
+    EXPECT_EQ(peer_.next(), payloadLine(wire(0xB3, 15, speed, 3, 500)));
+    EXPECT_EQ(dashboard_.events.lines(), (Lines{"status 1", "error u b3 speed 12 0"}));
+}
+
 TEST_F(SBPRawSourcePeerTest, ReaderFaultsStopThePeerService) {
     const uint32_t speed = uidOf("speed");
     const Bytes value = intValue("speed", 7);
+    // Each case spoils the answer to the Get with the given packetId.
     struct Case {
         const char* what;
-        std::function<Bytes(uint16_t)> answer;  // to the Get with this packetId
+        void (*spoil)(Bytes&);
         bool fault;
     } cases[] = {
-        {"truncated command",
-         [&](uint16_t id) {
-             Bytes p = packet(0xB9, speed, id, 0, value);
-             return Bytes(p.begin(), p.begin() + 14);
-         },
-         true},
-        {"truncated packet",
-         [&](uint16_t id) {
-             Bytes p = packet(0xB9, speed, id, 0, value);
-             p.pop_back();
-             return p;
-         },
-         true},
-        {"missing end marker",
-         [&](uint16_t id) {
-             Bytes p = packet(0xB9, speed, id, 0, value);
-             p.back() = 0xB1;
-             return p;
-         },
-         true},
-        {"excess trailing data",
-         [&](uint16_t id) {
-             Bytes p = packet(0xB9, speed, id, 0, value);
-             p.push_back(0);
-             return p;
-         },
-         false},
+        {"truncated command", [](Bytes& p) { p.resize(14); }, true},
+        {"truncated packet", [](Bytes& p) { p.pop_back(); }, true},
+        {"missing end marker", [](Bytes& p) { p.back() = 0xB1; }, true},
+        {"excess trailing data", [](Bytes& p) { p.push_back(0); }, false},
     };
     uint16_t id = 0;
     for (const Case& c : cases) {
@@ -370,7 +394,9 @@ TEST_F(SBPRawSourcePeerTest, ReaderFaultsStopThePeerService) {
         ASSERT_EQ(api().sinkSendGet(client_.ep, kService, ctx(c.what), speed), ZELCDBErrorNone);
         ++id;
         ASSERT_EQ(peer_.next(), payloadLine(wire(0xB1, 15, speed, id, 0)));
-        peer_.send(c.answer(id));
+        Bytes answer = packet(0xB9, speed, id, 0, value);
+        c.spoil(answer);
+        peer_.send(answer);
         if (!c.fault) {
             ASSERT_TRUE(dashboard_.events.waitFor(std::string("data ") + c.what + " b1 speed=7"));
             continue;
