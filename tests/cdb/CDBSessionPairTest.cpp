@@ -145,7 +145,9 @@ TEST(CDBSessionPair, AServerOutOfDescriptorsPausesAndAcceptsLater) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     uint64_t before = 0, after = 0;
     server.on([&](CDBSession& s) { before = s.loopTurns(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // A spinning loop makes thousands of turns in this window; a pausing one makes the
+    // turns of the two calls around it.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     server.on([&](CDBSession& s) { after = s.loopTurns(); });
     int failed = failures();
 
@@ -160,18 +162,34 @@ TEST(CDBSessionPair, AServerOutOfDescriptorsPausesAndAcceptsLater) {
     EXPECT_NE(server.outcome(), "running");
 }
 
-// On the real clock: pings, their answers and the timers are all an idle pair does.
+// Pings, their answers and the timers are all an idle pair does: with time standing still
+// a loop makes no turn of its own, and each virtual second costs a few.
 TEST(CDBSessionPair, IdlePairMakesOnlyAFewLoopTurnsASecond) {
-    Pair p(nullptr);
+    plat::ManualClock clock;
+    plat::ScopedClock useClock(&clock);
+    Pair p(&clock);
     p.start();
     uint64_t client = p.turns(p.client), server = p.turns(p.server);
-    std::this_thread::sleep_for(std::chrono::seconds(2));
-    client = p.turns(p.client) - client;
-    server = p.turns(p.server) - server;
-    EXPECT_LE(client, 40u);
-    EXPECT_LE(server, 40u);
-    EXPECT_TRUE(p.client.log.has("100 Received PingResponse, sequence number 0", "CDBReader"));
-    EXPECT_TRUE(p.server.log.has("100 Received PingResponse, sequence number 0", "CDBReader"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_LE(p.turns(p.client) - client, 2u);
+    EXPECT_LE(p.turns(p.server) - server, 2u);
+    client = p.turns(p.client);
+    server = p.turns(p.server);
+    for (int second = 0; second < 5; ++second) {
+        clock.advanceMs(1000);
+        p.client.settle();
+        p.server.settle();
+    }
+    EXPECT_LE(p.turns(p.client) - client, 50u);
+    EXPECT_LE(p.turns(p.server) - server, 50u);
+    for (SessionHost* host : {&p.client, &p.server}) {
+        bool answered = false;
+        for (int i = 0; i < 500 && !answered; ++i) {
+            answered = host->log.has("100 Received PingResponse, sequence number 0", "CDBReader");
+            if (!answered) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        EXPECT_TRUE(answered);
+    }
 }
 
 }  // namespace

@@ -248,7 +248,7 @@ TEST_F(RunningQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
         secondStarted = queue.start();
         secondDone = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_FALSE(secondDone);
     queue.entryGate.bump();
     second.join();
@@ -312,7 +312,7 @@ TEST(ControlMessageQueue, DestroyingTheQueueLetsAWaitingSynchronousPosterLeaveFi
     });
     ASSERT_TRUE(queue->notified.waitFor(1));
     std::thread opener([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
         wakeGate.bump();
     });
     queue.reset();
