@@ -85,6 +85,21 @@ void ZELSBPSource::stopService() {
         host()->sendServiceResponse(serviceId(), kNotStarted);
         return;
     }
+    bool refused = endService();
+    host()->sendServiceResponse(serviceId(), refused ? kStopRefused : kStopped);
+}
+
+void ZELSBPSource::sessionEnded() {
+    // The source outlives the session: a request kept from the dead link would make every
+    // later one for its element "already pending", and its timer would outlive its manager.
+    if (active_) {
+        endService();
+    } else {
+        requests_.clear();
+    }
+}
+
+bool ZELSBPSource::endService() {
     active_ = false;
     int32_t refused = 0;
     if (callbacks_.serviceStopCallback) {
@@ -94,21 +109,7 @@ void ZELSBPSource::stopService() {
         });
     }
     requests_.clear();
-    host()->sendServiceResponse(serviceId(), refused ? kStopRefused : kStopped);
-}
-
-void ZELSBPSource::sessionEnded() {
-    // The source outlives the session: a request kept from the dead link would make every
-    // later one for its element "already pending", and its timer would outlive its manager.
-    requests_.clear();
-    if (!active_) return;
-    active_ = false;
-    if (callbacks_.serviceStopCallback) {
-        host()->callApplication([&] {
-            callbacks_.serviceStopCallback(host()->endpointHandle(), host()->endpointContext(),
-                                           serviceId(), sourceContext_);
-        });
-    }
+    return refused != 0;
 }
 
 // ---- Sending ------------------------------------------------------------------------------

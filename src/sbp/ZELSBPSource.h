@@ -55,6 +55,9 @@ private:
     void respond(const zelcdbsdk::SBPPacket& request, uint32_t result, const char* errorFormat);
     // Records a request the application will answer later; null when out of memory.
     zelcdbsdk::SBPRequest* record(const zelcdbsdk::SBPPacket& request);
+    // Ends a started service: inactive, the application's service-stop callback asked,
+    // every request dropped. True when the application refused the stop.
+    bool endService();
 
     void handleGet(const zelcdbsdk::SBPPacket& packet);
     void handleSet(const zelcdbsdk::SBPPacket& packet);
