@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 
 #include "cdb/CDBServiceHandlers.h"
-#include "cdb/SessionTestSupport.h"
+#include "cdb/CDBTestSupport.h"
 
 namespace {
 
-using sessiontest::fmt;
+using cdbtest::fmt;
 using zelcdbsdk::CDBService;
 using Lines = std::vector<std::string>;
 

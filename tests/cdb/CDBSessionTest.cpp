@@ -1,507 +1,454 @@
-// One session at a time against a scripted peer over loopback, on virtual time.
+// One session at a time against a scripted peer, on the test's thread and virtual time.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
-#include "cdb/SessionTestSupport.h"
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "cdb/CDBTestSupport.h"
 
 namespace {
 
-using namespace sessiontest;
-using Lines = std::vector<std::string>;
-using zelcdbsdk::CDBWriter;
-using cdbtest::operator+;
+using namespace cdbtest;
+using B = Bench;
+using W = CDBWriter;
 
-// Own service 0 "svc" (2.3, attribute 7, access control 90); the peer offers "peer" (1.2,
-// access control 3) as its service 0.
-void setUpServices(Session& s) {
-    s.addService("svc", {2, 3}, 7, 90);
-    s.exchange({CDBService(s.theirs(0), {1, 2}, 0, 3, "peer")});
+Step start(uint16_t id, CDBVersion v) {
+    return B::send([=](W& w) { w.sendStartService(id, v); });
 }
-
-// The session's lines at level 30 or more severe, logged since `from` of them.
-Lines linesSince(Session& s, size_t from) {
-    Lines lines = s.host->log.lines();
-    return Lines(lines.begin() + static_cast<long>(std::min(from, lines.size())), lines.end());
+Step payload(uint16_t id, uint8_t access, std::string data = "") {
+    return B::send([=](W& w) { w.sendServicePayload(id, access, data.data(), data.size()); });
 }
-
-std::vector<uint16_t> pending(Session& s) {
-    std::vector<uint16_t> ids;
-    s.host->on([&](CDBSession& session) { ids = session.pendingRequestIds(); });
-    return ids;
+Step raw(const Bytes& bytes, int flags = 0) {
+    return [=](B& b) { b.peer.sendRaw(bytes, flags); };
 }
-
-std::string byeByeTimerExpired(const Session& s) {
-    return s.isClient() ? "10 Warning: ByeBye timer expired without receiving response from CDB "
-                          "server"
-                        : "10 Warning: ByeBye timer expired before without client having "
-                          "disconnected";
+Step startPeerService(uint16_t id) {  // with a sink, what came of it forgotten ("*")
+    return [id](B& b) { B::sink(id)(b), b.s().startPeerService(id); };
 }
+const Step kIdle = [](B&) {};
+const Step kByeBye = B::send([](W& w) { w.sendByeBye(); });
+const Step kTerminate = B::on([](CDBSession& s) { s.terminate(); });
+std::string byeByeExpired(Role role) {
+    return role == Role::kClient
+               ? "10 Warning: ByeBye timer expired without receiving response from CDB server"
+               : "10 Warning: ByeBye timer expired before without client having disconnected";
+}
+const Role kRoles[] = {Role::kClient, Role::kServer};
 
-class SessionRoles : public ::testing::TestWithParam<Role> {};
-INSTANTIATE_TEST_SUITE_P(CDBSession, SessionRoles, ::testing::Values(Role::Client, Role::Server),
-                         [](const ::testing::TestParamInfo<Role>& info) {
-                             return info.param == Role::Client ? "Client" : "Server";
-                         });
-
-TEST_P(SessionRoles, ExchangesTheServiceDirectory) {
-    Session s(GetParam());
-    s.addService("svc", {2, 3}, 7, 90);
-    s.addService("", {1, 0});
-    s.connect();
-    s.peer.w().sendServicesRequest({1, 1});
-    EXPECT_EQ(s.peer.sync(), Lines{fmt("ServicesSupported 1.1: 0x%04x svc 2.3 attr=7 ac=90, "
-                                       "0x%04x  1.0 attr=0 ac=0",
-                                       s.own(0), s.own(1))});
-
-    // An id from our own range is skipped; the decimal "0x%04d" is the line peers expect.
-    std::vector<CDBService> theirs = {CDBService(s.own(4), {1, 0}, 0, 0, "wrong side"),
-                                      CDBService(s.theirs(0), {1, 2}, 3, 4, "peer")};
-    s.peer.w().sendServicesSupported({1, 1}, theirs.data(), theirs.size());
-    EXPECT_EQ(s.peer.sync(), Lines{});
-    EXPECT_TRUE(s.host->trace.waitFor("added"));
-    EXPECT_EQ(
-        s.host->trace.take(),
-        (Lines{"removed 1.1 []", fmt("added 1.1 [0x%04x peer 1.2 attr=3 ac=4]", s.theirs(0))}));
-    EXPECT_TRUE(s.host->log.has(s.isClient() ? "10 Peer endpoint advertised service with invalid "
-                                               "ID 5 (0x0005) - ignoring it"
-                                             : "10 Peer endpoint advertised service with invalid "
-                                               "ID 16389 (0x16389) - ignoring it"));
-    EXPECT_TRUE(s.host->log.has("30 Connection established"));
+TEST(CDBSession, ExchangesTheServiceDirectory) {
+    for (Role role : kRoles) {
+        bool client = role == Role::kClient;
+        uint16_t mine = client ? 1 : 0x4001, theirs = client ? 0x4001 : 1;
+        Bench b(role, {CDBService(mine + 4, {1, 0}, 0, 0, "wrong side"),
+                       CDBService(theirs, {1, 2}, 3, 4, "peer")});
+        b.addService("svc", {2, 3}, 7, 90);
+        b.addService("", {1, 0});
+        b.preamble = false;
+        // An id from our own range is skipped; the decimal "0x%04d" is the line peers expect.
+        EXPECT_EQ(
+            b.play({{kIdle, fmt("connected | removed 1.1 [] | added 1.1 [0x%04x peer 1.2 "
+                                "attr=3 ac=4] | 30 Connection established | 10 Peer "
+                                "endpoint advertised service with invalid ID %s - ignoring it",
+                                theirs, client ? "5 (0x0005)" : "16389 (0x16389)")},
+                    {B::send([](W& w) {
+                         w.sendServicesRequest({1, 1});
+                     }),
+                     fmt("ServicesSupported 1.1: 0x%04x svc 2.3 attr=7 ac=90, 0x%04x  1.0 "
+                         "attr=0 ac=0",
+                         mine, mine + 1)}}),
+            "Connection lost");
+    }
 }
 
 TEST(CDBSession, UnsupportedPeerVersionIsAnsweredThenByeBye) {
-    struct Row {
-        bool request;  // ServicesRequest, else ServicesSupported
-        CDBVersion version;
-    };
-    for (Row row : {Row{true, {1, 0}}, Row{false, {1, 0}}, Row{true, {1, 2}}, Row{false, {2, 1}}}) {
-        SCOPED_TRACE(
-            fmt("%d %d.%d", row.request, row.version.majorNumber, row.version.minorNumber));
-        Session s(Role::Client);
-        s.connect();
-        if (row.request) s.peer.w().sendServicesRequest(row.version);
-        if (!row.request) s.peer.w().sendServicesSupported(row.version, nullptr, 0);
-        EXPECT_EQ(s.peer.sync(), (Lines{"ServiceResponse 0x0000 0x0209", "ByeBye"}));
-        EXPECT_EQ(s.host->log.lines().back(),
-                  fmt("0 Peer endpoint has unsupported protocol version %d.%d",
-                      row.version.majorNumber, row.version.minorNumber));
-        s.peer.w().sendByeBye();
-        EXPECT_EQ(s.peer.next(), "closed");
-        EXPECT_EQ(s.host->outcome(), "Disconnected");
-        EXPECT_EQ(s.host->trace.take(), Lines{});
+    for (CDBVersion v : {CDBVersion{1, 0}, CDBVersion{1, 2}, CDBVersion{2, 1}}) {
+        for (bool request : {true, false}) {
+            auto send = B::send([=](W& w) {
+                if (request) w.sendServicesRequest(v);
+                if (!request) w.sendServicesSupported(v, nullptr, 0);
+            });
+            EXPECT_EQ(Bench(Role::kClient)
+                          .play({{send, fmt("ServiceResponse 0x0000 0x0209 | ByeBye | 0 Peer "
+                                            "endpoint has unsupported protocol version %d.%d",
+                                            v.majorNumber, v.minorNumber)},
+                                 {kByeBye, "closed"}}),
+                      "Disconnected");
+        }
     }
 }
 
 // Every PingResponse that carries the expected number counts, asked for or not, and the
-// number wraps; a wrong one ends the session.
-TEST(CDBSession, PingsASecondAfterConnectingAndAfterEachAnswerAndChecksTheNumber) {
-    Session s(Role::Client);
-    s.exchange({});
-    EXPECT_EQ(s.advance(999, false), Lines{});
-    EXPECT_EQ(s.advance(1, false), Lines{"1000 Ping 0"});
-    for (int n = 0; n < 65535; ++n) s.peer.w().sendPingResponse(static_cast<uint16_t>(n));
-    EXPECT_EQ(s.advance(999, false), Lines{});
-    EXPECT_EQ(s.advance(1, false), Lines{"2000 Ping 65535"});
-    s.peer.w().sendPingResponse(65535);
-    EXPECT_EQ(s.advance(1000, false), Lines{"3000 Ping 0"});
-    s.peer.w().sendPingResponse(1);
-    EXPECT_EQ(s.peer.sync(), (Lines{"ServiceResponse 0x0000 0x0208", "ByeBye"}));
-    EXPECT_EQ(
-        s.host->log.lines().back(),
-        "0 Sequence number in PingResponse is incorrect! Expected 0, got 1 - terminating CDB");
-}
-
-// Ten seconds for the answer, "five" in the line; then five seconds for the ByeBye.
-TEST_P(SessionRoles, UnansweredPingEndsTheSession) {
-    Session s(GetParam());
-    s.exchange({});
-    EXPECT_EQ(s.advance(1000, false), Lines{"1000 Ping 0"});
-    EXPECT_EQ(s.advance(9999, false), Lines{});
-    EXPECT_EQ(s.advance(1, false), Lines{"11000 ByeBye"});
-    EXPECT_EQ(s.host->log.lines().back(),
-              "0 Peer endpoint did not respond to ping within five seconds - terminating the "
-              "session");
-    EXPECT_EQ(s.advance(4999, false), Lines{});
-    s.clock.advanceMs(1);
-    EXPECT_EQ(s.host->outcome(), "Disconnected");
-    EXPECT_EQ(s.host->log.lines().back(), byeByeTimerExpired(s));
-}
-
-TEST_P(SessionRoles, ByeByeEndsTheSession) {
-    for (bool weStart : {false, true}) {
-        SCOPED_TRACE(weStart ? "terminate()" : "peer's ByeBye");
-        Session s(GetParam());
-        s.exchange({});
-        if (weStart) {
-            s.host->on([](CDBSession& session) { session.terminate(); });
-            EXPECT_EQ(s.peer.next(), "ByeBye");
-        }
-        s.peer.w().sendByeBye();
-        if (s.isClient()) {
-            // The server's ByeBye ends it at once; nothing more is said.
-            EXPECT_EQ(s.peer.next(), "closed");
-            EXPECT_EQ(s.host->outcome(), "Disconnected");
-        } else {
-            // A server answers (unless it already said ByeBye) and waits for the client to go.
-            EXPECT_EQ(s.peer.sync(), weStart ? Lines{} : Lines{"ByeBye"});
-            s.peer.close();
-            EXPECT_EQ(s.host->outcome(), "Connection lost");
-        }
+// number wraps; a wrong one ends the session. An unanswered ping ends it after ten seconds
+// ("five" in the line), and the ByeBye five seconds later.
+TEST(CDBSession, PingsASecondAfterEachAnswerAndChecksTheNumber) {
+    Bench b(Role::kClient);
+    b.peer.off("Ping ");
+    b.play({{B::advance(999), ""},
+            {B::advance(1), "@1000 Ping 0"},
+            {B::send([](W& w) {
+                 for (int n = 0; n < 65535; ++n) w.sendPingResponse(static_cast<uint16_t>(n));
+             }),
+             ""},
+            {B::advance(999), ""},
+            {B::advance(1), "@2000 Ping 65535"},
+            {B::send([](W& w) { w.sendPingResponse(65535); }), ""},
+            {B::advance(1000), "@3000 Ping 0"},
+            {B::send([](W& w) { w.sendPingResponse(1); }),
+             "ServiceResponse 0x0000 0x0208 | ByeBye | 0 Sequence number in PingResponse is "
+             "incorrect! Expected 0, got 1 - terminating CDB"}});
+    for (Role role : kRoles) {
+        Bench b(role);
+        b.peer.off("Ping ");
+        EXPECT_EQ(b.play({{B::advance(1000), "@1000 Ping 0"},
+                          {B::advance(9999), ""},
+                          {B::advance(1),
+                           "@11000 ByeBye | 0 Peer endpoint did not respond to ping within five "
+                           "seconds - terminating the session"},
+                          {B::advance(4999), ""},
+                          {B::advance(1), "@16000 closed | " + byeByeExpired(role)}}),
+                  "Disconnected");
     }
 }
 
-TEST_P(SessionRoles, TerminateBeforeTheConnectionEndsAtTheNextTurn) {
-    Session s(GetParam());
-    if (s.isClient()) s.host->beforeRun = [](CDBSession& session) { session.terminate(); };
-    s.host->start();
-    if (!s.isClient()) s.host->on([](CDBSession& session) { session.terminate(); });
-    EXPECT_EQ(s.host->outcome(), "Disconnected");
-    EXPECT_EQ(s.host->trace.take(), Lines{});
-    EXPECT_EQ(s.host->log.lines().back(), byeByeTimerExpired(s));
-}
-
-// A stop that arrives in the same turn as a peer's connect: the listening socket is readable
-// but is no connection to read from.
-TEST(CDBSession, ServerStoppedAsAPeerConnectsEndsCleanly) {
-    Session s(Role::Server);
-    bool armed = true;
-    s.host->afterServiceMessages = [&] {
-        if (!armed) return;
-        armed = false;
-        s.peer.connect(s.port());
-        s.host->post([](CDBSession& session) { session.terminate(); });
-    };
-    s.host->start();
-    s.host->on([](CDBSession&) {});
-    EXPECT_EQ(s.host->outcome(), "Disconnected");
-}
-
-// Failures leave run() as exceptions without a ByeBye, after what was already written has
-// been flushed; urgent data (an exceptional condition) ends the loop as "Disconnected".
+// A client ends at the server's ByeBye; a server answers one (unless it said ByeBye first)
+// and waits for the client to close. Failures leave run() as exceptions without a ByeBye,
+// after what was already written has been flushed; urgent data (an exceptional condition)
+// ends the loop as "Disconnected".
 TEST(CDBSession, HowASessionEnds) {
-    struct Row {
-        std::function<void(RawPeer&)> act;
+    const Bytes ping7 = written([](W& w) { w.sendPing(7); });
+    const struct {
+        Role role;
+        std::vector<Row> rows;
         std::string outcome;
-        Lines peerSees;
-    };
-    const Row rows[] = {
-        {[](RawPeer& p) { p.close(); }, "Connection lost", {}},
-        {[](RawPeer& p) {
-             p.sendRaw({0xb1, 0x00, 0, 0});
-         },
+        bool tcp;
+    } cases[] = {
+        {Role::kClient, {{kByeBye, "closed"}}, "Disconnected", false},
+        {Role::kClient, {{kTerminate, "ByeBye"}, {kByeBye, "closed"}}, "Disconnected", false},
+        {Role::kServer, {{kByeBye, "ByeBye"}}, "Connection lost", false},
+        {Role::kServer, {{kTerminate, "ByeBye"}, {kByeBye, ""}}, "Connection lost", false},
+        {Role::kClient, {{[](B& b) { b.peer.close(); }, ""}}, "Connection lost", false},
+        {Role::kClient,
+         {{raw({0xb1, 0x00, 0, 0}), "closed"}},
          "Unknown message type 45312 (0xb100)",
-         {"closed"}},
+         false},
         // In one segment, so the answer is still unsent when the junk behind it throws.
-        {[](RawPeer& p) {
-             p.sendRaw(cdbtest::written([](CDBWriter& w) { w.sendPing(7); }) +
-                       Bytes{0xb1, 0x0a, 0, 0});
-         },
+        {Role::kClient,
+         {{raw(ping7 + Bytes{0xb1, 0x0a, 0, 0}), "PingResponse 7 | closed"}},
          "Unknown message type 45322 (0xb10a)",
-         {"PingResponse 7", "closed"}},
-        {[](RawPeer& p) { p.sendRaw({0x55}, MSG_OOB); }, "Disconnected", {"closed"}},
+         false},
+        {Role::kClient, {{raw({0x55}, MSG_OOB), "closed | 0 Disconnected"}}, "Disconnected", true},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.outcome);
-        Session s(Role::Client);
-        s.exchange({});
-        row.act(s.peer);
-        EXPECT_EQ(s.host->outcome(), row.outcome);
-        Lines seen;
-        while (!row.peerSees.empty() && seen.size() < row.peerSees.size())
-            seen.push_back(s.peer.next());
-        EXPECT_EQ(seen, row.peerSees);
+    for (const auto& c : cases) {
+        Bench b(c.role);
+        b.tcp = c.tcp;
+        EXPECT_EQ(b.play(c.rows), c.outcome);
+    }
+}
+
+// Ended before it is connected, a session says no ByeBye and leaves at its next turn; a
+// server ended as a peer connects must not take the listening socket for a connection.
+TEST(CDBSession, EndedBeforeTheConnection) {
+    for (int peerConnects : {0, 1}) {
+        for (Role role : kRoles) {
+            if (peerConnects && role == Role::kClient) continue;
+            Bench b(role);
+            b.tcp = true;
+            b.preamble = false;
+            std::vector<Row> rows;
+            if (peerConnects) rows.push_back({[](B& b) { b.connectPeer(); }, "-"});
+            rows.push_back(
+                {kTerminate, fmt("%s30 %s %s | ", peerConnects ? "closed | " : "",
+                                 b.client() ? "Connecting to" : "Listening on", b.url()) +
+                                 byeByeExpired(role)});
+            EXPECT_EQ(b.play(rows), "Disconnected");
+        }
     }
 }
 
 TEST(CDBSession, LateServicesSupportedIsIgnored) {
-    Session s(Role::Client);
-    s.connect();
-    EXPECT_EQ(s.advance(4999), Lines{});
-    EXPECT_EQ(s.host->trace.take(), Lines{});
-    EXPECT_EQ(s.advance(1), Lines{});
-    EXPECT_EQ(s.host->trace.take(), Lines{"services request timed out"});
-    EXPECT_EQ(s.host->log.lines().back(),
-              "0 Peer endpoint did not respond to ServicesRequest within five seconds");
-    s.advance(1000);
-    CDBService late(0x4001, {1, 0}, 0, 0, "late");
-    s.peer.w().sendServicesSupported({1, 1}, &late, 1);
-    EXPECT_EQ(s.advance(3000), Lines{});  // and the link stays up
-    EXPECT_EQ(s.host->trace.take(), Lines{});
-    s.host->on([](CDBSession& session) { EXPECT_EQ(session.findPeerService(0x4001), nullptr); });
+    Bench b(Role::kClient);
+    b.peer.off("ServicesRequest ");
+    const CDBService late(0x4001, {1, 0}, 0, 0, "late");
+    b.play({{B::advance(4999), ""},
+            {B::advance(1),
+             "services request timed out | 0 Peer endpoint did not respond to ServicesRequest "
+             "within five seconds"},
+            {B::send([&](W& w) {
+                 w.sendServicesSupported({1, 1}, &late, 1);
+             }),
+             ""},
+            {B::advance(3000), ""},  // and the link stays up
+            {B::on([](CDBSession& s) { EXPECT_EQ(s.findPeerService(0x4001), nullptr); }), ""}});
 }
 
+// A changed minor version (and attribute and access control) alone is no change; a changed
+// major version or name is; a service not listed again is gone, and its sink with it.
 TEST(CDBSession, RebuildKeepsUnchangedServicesWithTheirSinks) {
-    Session s(Role::Client);
-    s.exchange({CDBService(0x4001, {1, 0}, 0, 5, "alpha"), CDBService(0x4002, {2, 0}, 0, 0, "beta"),
-                CDBService(0x4003, {1, 0}, 0, 0, "gamma"),
-                CDBService(0x4004, {1, 0}, 0, 0, "delta")});
-    for (uint16_t id = 0x4001; id <= 0x4004; ++id) s.addSink(id);
-    // A changed minor version (and attribute and access control) alone is no change; a
-    // changed major version or name is; a service not listed again is gone.
-    std::vector<CDBService> again = {
+    Bench b(Role::kClient,
+            {CDBService(0x4001, {1, 0}, 0, 5, "alpha"), CDBService(0x4002, {2, 0}, 0, 0, "beta"),
+             CDBService(0x4003, {1, 0}, 0, 0, "gamma"), CDBService(0x4004, {1, 0}, 0, 0, "delta")});
+    const std::vector<CDBService> again = {
         CDBService(0x4001, {1, 7}, 9, 6, "alpha"), CDBService(0x4002, {3, 0}, 0, 0, "beta"),
         CDBService(0x4003, {1, 0}, 0, 0, "gamma2"), CDBService(0x0005, {1, 0}, 0, 0, "invalid"),
         CDBService(0x4005, {1, 0}, 0, 0, "eps")};
-    s.peer.w().sendServicesSupported({1, 1}, again.data(), again.size());
-    EXPECT_EQ(s.peer.sync(), Lines{});
-    EXPECT_EQ(s.host->trace.take(),
-              (Lines{"removed 1.1 [0x4002 beta 2.0 attr=0 ac=0, 0x4003 gamma 1.0 attr=0 ac=0, "
-                     "0x4004 delta 1.0 attr=0 ac=0]",
-                     "added 1.1 [0x4002 beta 3.0 attr=0 ac=0, 0x4003 gamma2 1.0 attr=0 ac=0, "
-                     "0x4005 eps 1.0 attr=0 ac=0]"}));
-    for (uint16_t id = 0x4001; id <= 0x4004; ++id)
-        s.peer.w().sendServicePayload(id, id == 0x4001 ? 5 : 0, "\x01", 1);
-    EXPECT_EQ(s.peer.sync(),
-              (Lines{"ServiceResponse 0x4002 0x0102", "ServiceResponse 0x4003 0x0102",
-                     "ServiceResponse 0x4004 0x0205"}));
-    EXPECT_EQ(s.host->trace.take(), Lines{"payload 0x4001 01"});
-
-    // The same list again changes nothing, and both notifications still come.
-    s.peer.w().sendServicesSupported({1, 1}, again.data(), again.size());
-    s.peer.sync();
-    EXPECT_EQ(s.host->trace.take(), (Lines{"removed 1.1 []", "added 1.1 []"}));
+    auto list = B::send([&](W& w) { w.sendServicesSupported({1, 1}, again.data(), 5); });
+    const std::string invalid =
+        " | 10 Peer endpoint advertised service with invalid ID 5 (0x0005) - ignoring it";
+    auto noSink = [](int id) {
+        return fmt(
+            " | 10 Received ServicePayload for service %d (0x%04x) but no sink was added "
+            "for this service - ignoring it",
+            id, id);
+    };
+    EXPECT_EQ(b.play({{[](B& b) {
+                           for (uint16_t id = 0x4001; id <= 0x4004; ++id) B::sink(id)(b);
+                       },
+                       "*"},
+                      {list,
+                       "removed 1.1 [0x4002 beta 2.0 attr=0 ac=0, 0x4003 gamma 1.0 attr=0 ac=0, "
+                       "0x4004 delta 1.0 attr=0 ac=0] | added 1.1 [0x4002 beta 3.0 attr=0 ac=0, "
+                       "0x4003 gamma2 1.0 attr=0 ac=0, 0x4005 eps 1.0 attr=0 ac=0]" +
+                           invalid},
+                      {B::send([](W& w) {
+                           for (uint16_t id = 0x4001; id <= 0x4004; ++id)
+                               w.sendServicePayload(id, id == 0x4001 ? 5 : 0, "\x01", 1);
+                       }),
+                       "ServiceResponse 0x4002 0x0102 | ServiceResponse 0x4003 0x0102 | "
+                       "ServiceResponse 0x4004 0x0205 | payload 0x4001 01" +
+                           noSink(0x4002) + noSink(0x4003) +
+                           " | 10 Received ServicePayload for unknown service 16388 (0x4004) - "
+                           "ignoring it"},
+                      // The same list again changes nothing, and both notifications still come.
+                      {list, "removed 1.1 [] | added 1.1 []" + invalid},
+                      {kByeBye, "closed | ended 0x4001"}}),
+              "Disconnected");
 }
 
 TEST(CDBSession, ServiceResponseReactions) {
     const uint16_t kPeer = 0x4001, kOwn = 0x0001;
-    const Lines bye = {"ByeBye"};
     const std::string from = "30 Received ServiceResponse(";
     struct Row {
         uint16_t id, code;
-        Lines sent;
-        std::string line;  // the session's line at level 30 or below, if any
+        std::string seen;
     };
+    // The sink hears every code for its service, and our outstanding request is settled.
     std::vector<Row> rows = {
-        {kPeer, 0x0202, bye, from + "ServiceTerminationFailed) from peer - terminating CDB"},
-        {kPeer,
-         0x0206,
-         {"StopService 0x4001"},
-         from + "WrongAccessControl) from peer service 16385 (0x4001) - sending StopService"},
-        {0, 0x0208, bye, from + "WrongSequenceNumber) from peer - terminating CDB"},
-        {0, 0x0209, bye, from + "WrongCDBVersionNumber) from peer - terminating CDB"},
-        {kPeer, 0x020b, bye, from + "UnsupportedPayloadFormat) from - peer - terminating CDB"},
-        {kPeer, 0x0300, bye,
-         "0 Received undefined response value 768 in ServiceResponse from service 16385 "
-         "(0x4001) - terminating CDB"},
-        {kPeer, 0x0000, bye,
-         "0 Received undefined response value 0 in ServiceResponse from service 16385 "
-         "(0x4001) - terminating CDB"},
+        {kPeer, 0x0202,
+         "ByeBye | response 0x4001 0x0202 | " + from +
+             "ServiceTerminationFailed) from peer - terminating CDB"},
+        {kPeer, 0x0206,
+         "StopService 0x4001 | response 0x4001 0x0206 | " + from +
+             "WrongAccessControl) from peer service 16385 (0x4001) - sending StopService"},
+        {0, 0x0208, "ByeBye | " + from + "WrongSequenceNumber) from peer - terminating CDB"},
+        {0, 0x0209, "ByeBye | " + from + "WrongCDBVersionNumber) from peer - terminating CDB"},
+        {kPeer, 0x020b,
+         "ByeBye | response 0x4001 0x020b | " + from +
+             "UnsupportedPayloadFormat) from - peer - terminating CDB"},
+        // The same codes about one of our own services are only the sink's business.
+        {kOwn, 0x0202, ""},
+        {kOwn, 0x0206, ""},
+        {kOwn, 0x020b, ""},
     };
-    // The same codes about one of our own services are only the sink's business.
-    for (uint16_t code : {0x0202, 0x0206, 0x020b}) rows.push_back({kOwn, code, {}, ""});
+    for (uint16_t code : {0x0300, 0x0000})
+        rows.push_back({kPeer, code,
+                        fmt("ByeBye | response 0x4001 0x%04x | 0 Received undefined response "
+                            "value %d in ServiceResponse from service 16385 (0x4001) - "
+                            "terminating CDB",
+                            code, code)});
     for (uint16_t code :
          {0x0001, 0x0002, 0x0101, 0x0102, 0x0201, 0x0203, 0x0204, 0x0205, 0x0207, 0x020a})
-        rows.push_back({kPeer, code, {}, ""});
+        rows.push_back({kPeer, code, fmt("response 0x4001 0x%04x", code)});
     for (const Row& row : rows) {
         SCOPED_TRACE(fmt("service 0x%04x, code 0x%04x", row.id, row.code));
-        Session s(Role::Client);
-        s.exchange({CDBService(kPeer, {1, 0}, 0, 0, "svc")});
-        s.addSink(kPeer);
-        s.host->on([&](CDBSession& session) { session.startPeerService(kPeer); });
-        EXPECT_EQ(s.peer.sync(), Lines{"StartService 0x4001 1.0"});
-        size_t before = s.host->log.lines().size();
-
-        s.peer.w().sendServiceResponse(row.id, row.code);
-        EXPECT_EQ(s.peer.sync(), row.sent);
-        EXPECT_EQ(linesSince(s, before), row.line.empty() ? Lines{} : Lines{row.line});
-        // The sink hears every code for its service; our outstanding request is settled.
-        EXPECT_EQ(s.host->trace.take(),
-                  row.id == kPeer ? Lines{fmt("response 0x4001 0x%04x", row.code)} : Lines{});
-        EXPECT_EQ(pending(s),
-                  row.id == kPeer ? std::vector<uint16_t>{} : std::vector<uint16_t>{kPeer});
+        auto pending = B::on([&](CDBSession& s) {
+            EXPECT_EQ(s.pendingRequestIds().size(), row.id == kPeer ? 0u : 1u);
+        });
+        Bench(Role::kClient, {CDBService(kPeer, {1, 0}, 0, 0, "svc")})
+            .play({{startPeerService(kPeer), "*"},
+                   {B::send([&](W& w) { w.sendServiceResponse(row.id, row.code); }), row.seen},
+                   {pending, ""}});
     }
 }
 
-using Send = std::function<void(CDBWriter&)>;
-Send start(uint16_t id, CDBVersion v) {
-    return [=](CDBWriter& w) { w.sendStartService(id, v); };
-}
-Send stop(uint16_t id) {
-    return [=](CDBWriter& w) { w.sendStopService(id); };
-}
-Send payload(uint16_t id, uint8_t access, std::string data = "") {
-    return [=](CDBWriter& w) { w.sendServicePayload(id, access, data.data(), data.size()); };
-}
+// Own service 1 "svc" (2.3, attribute 7, access control 90); the peer offers 0x4001 "peer"
+// (1.2, access control 3).
+struct Services : Bench {
+    Services() : Bench(Role::kClient, {CDBService(0x4001, {1, 2}, 0, 3, "peer")}) {
+        addService("svc", {2, 3}, 7, 90);
+    }
+};
 
 TEST(CDBSession, PeerRequestsAreCheckedInOrder) {
-    Session s(Role::Client);
-    setUpServices(s);
-    const std::string newer = "10 Received StartService for service 1 (0x0001) with version ";
-    auto unknown = [](const char* what, int id) {
-        return fmt("10 Received %s for unknown service %d (0x%04x) - ignoring it", what, id, id);
+    auto refused = [](int id, int code, std::string line) {
+        return fmt("ServiceResponse 0x%04x 0x%04x | 10 Received ", id, code) +
+               fmt(line.c_str(), id, id) + " - ignoring it";
     };
-    auto wrongAccess = [](int id) {
-        return fmt(
-            "10 Received ServicePayload for service %d (0x%04x) with wrong access control "
-            "- ignoring it",
-            id, id);
-    };
-    const struct {
-        Send send;
-        Lines sent, trace;
-        std::string line;
-    } rows[] = {
+    const std::string newer = "StartService for service %d (0x%04x) with version ";
+    const std::string unknown = " for unknown service %d (0x%04x)";
+    const std::string wrongAccess =
+        "ServicePayload for service %d (0x%04x) with wrong access "
+        "control";
+    auto stop = [](uint16_t id) { return B::send([=](W& w) { w.sendStopService(id); }); };
+    Services().play({
         // StartService: a requested version not newer than ours is passed on.
-        {start(1, {1, 9}), {}, {"start 0x0001 1.9"}, ""},
-        {start(1, {2, 3}), {}, {"start 0x0001 2.3"}, ""},
-        {start(1, {2, 4}),
-         {"ServiceResponse 0x0001 0x020a"},
-         {},
-         newer + "2.4, but service version is 2.3 - ignoring it"},
-        {start(1, {3, 0}),
-         {"ServiceResponse 0x0001 0x020a"},
-         {},
-         newer + "3.0, but service version is 2.3 - ignoring it"},
-        {start(2, {1, 0}), {"ServiceResponse 0x0002 0x0205"}, {}, unknown("StartService", 2)},
-        {start(0x4001, {1, 0}),
-         {"ServiceResponse 0x4001 0x0205"},
-         {},
-         unknown("StartService", 0x4001)},
+        {start(1, {1, 9}), "start 0x0001 1.9"},
+        {start(1, {2, 3}), "start 0x0001 2.3"},
+        {start(1, {2, 4}), refused(1, 0x20a, newer + "2.4, but service version is 2.3")},
+        {start(1, {3, 0}), refused(1, 0x20a, newer + "3.0, but service version is 2.3")},
+        {start(2, {1, 0}), refused(2, 0x205, "StartService" + unknown)},
+        {start(0x4001, {1, 0}), refused(0x4001, 0x205, "StartService" + unknown)},
         // StopService: passed on, and nothing is answered for it.
-        {stop(1), {}, {"stop 0x0001"}, ""},
-        {stop(0x4001), {"ServiceResponse 0x4001 0x0205"}, {}, unknown("StopService", 0x4001)},
+        {stop(1), "stop 0x0001"},
+        {stop(0x4001), refused(0x4001, 0x205, "StopService" + unknown)},
         // ServicePayload: unknown service, then access control, then a missing sink.
-        {payload(0x4009, 3),
-         {"ServiceResponse 0x4009 0x0205"},
-         {},
-         unknown("ServicePayload", 0x4009)},
-        {payload(0, 0), {"ServiceResponse 0x0000 0x0205"}, {}, unknown("ServicePayload", 0)},
-        {payload(1, 91), {"ServiceResponse 0x0001 0x0206"}, {}, wrongAccess(1)},
-        {payload(0x4001, 4), {"ServiceResponse 0x4001 0x0206"}, {}, wrongAccess(0x4001)},
-        {payload(0x4001, 3),
-         {"ServiceResponse 0x4001 0x0102"},
-         {},
-         "10 Received ServicePayload for service 16385 (0x4001) but no sink was added for this "
-         "service - ignoring it"},
-        {payload(1, 90, "\xab\xcd"), {}, {"payload 0x0001 abcd"}, ""},
-    };
-    for (const auto& row : rows) {
-        size_t before = s.host->log.lines().size();
-        row.send(s.peer.w());
-        EXPECT_EQ(s.peer.sync(), row.sent) << row.line;
-        EXPECT_EQ(s.host->trace.take(), row.trace) << row.line;
-        EXPECT_EQ(linesSince(s, before), row.line.empty() ? Lines{} : Lines{row.line});
-    }
-    s.addSink(0x4001);
-    payload(0x4001, 3, "\x01")(s.peer.w());
-    EXPECT_EQ(s.peer.sync(), Lines{});
-    EXPECT_EQ(s.host->trace.take(), Lines{"payload 0x4001 01"});
+        {payload(0x4009, 3), refused(0x4009, 0x205, "ServicePayload" + unknown)},
+        {payload(0, 0), refused(0, 0x205, "ServicePayload" + unknown)},
+        {payload(1, 91), refused(1, 0x206, wrongAccess)},
+        {payload(0x4001, 4), refused(0x4001, 0x206, wrongAccess)},
+        {payload(0x4001, 3), refused(0x4001, 0x102,
+                                     "ServicePayload for service %d (0x%04x) but no sink was "
+                                     "added for this service")},
+        {payload(1, 90, "\xab\xcd"), "payload 0x0001 abcd"},
+        {B::sink(0x4001), "30 Sink added for peer service 16385 (0x4001)"},
+        {payload(0x4001, 3, "\x01"), "payload 0x4001 01"},
+    });
 }
 
 TEST(CDBSession, OwnOperations) {
-    Session s(Role::Client);
-    setUpServices(s);
-    struct Row {
-        std::function<void(CDBSession&)> op;
-        Lines sent;
-        std::string line;
-    };
-    const Row rows[] = {
-        {[](CDBSession& x) { x.sendServicePayload(0x4001, "\x12", 1); },
-         {"ServicePayload 0x4001 ac=3 12"},
-         ""},
-        {[](CDBSession& x) { x.sendServicePayload(1, "", 0); },
-         {"ServicePayload 0x0001 ac=90 "},
-         ""},
-        {[](CDBSession& x) { x.sendServiceResponse(0x4001, 0x0205); },
-         {"ServiceResponse 0x4001 0x0205"},
-         ""},
-        {[](CDBSession& x) { x.sendServicePayload(0x4009, "", 0); },
-         {},
+    Services().play({
+        {B::on([](CDBSession& s) { s.sendServicePayload(0x4001, "\x12", 1); }),
+         "ServicePayload 0x4001 ac=3 12"},
+        {B::on([](CDBSession& s) { s.sendServicePayload(1, "", 0); }),
+         "ServicePayload 0x0001 ac=90 "},
+        {B::on([](CDBSession& s) { s.sendServiceResponse(0x4001, 0x0205); }),
+         "ServiceResponse 0x4001 0x0205"},
+        {B::on([](CDBSession& s) { s.sendServicePayload(0x4009, "", 0); }),
          "0 Failed to send ServicePayload for service 16393 (0x4009) - service does not exist"},
-        {[](CDBSession& x) { x.sendServiceResponse(0, 1); },
-         {},
+        {B::on([](CDBSession& s) { s.sendServiceResponse(0, 1); }),
          "0 Failed to send ServiceResponse for service 0 (0x0000) - service does not exist or "
          "does not belong to this endpoint"},
-        {[](CDBSession& x) { x.stopPeerService(0x4001); },
-         {"StopService 0x4001"},
-         "30 Stopping peer service 16385 (0x4001)"},
-    };
-    for (const Row& row : rows) {
-        size_t before = s.host->log.lines().size();
-        s.host->on(row.op);
-        EXPECT_EQ(s.peer.sync(), row.sent) << row.line;
-        EXPECT_EQ(linesSince(s, before), row.line.empty() ? Lines{} : Lines{row.line});
-    }
+        {B::on([](CDBSession& s) { s.stopPeerService(0x4001); }),
+         "StopService 0x4001 | 30 Stopping peer service 16385 (0x4001)"},
+    });
 }
 
 // A peer's StartService is held with "pending" every four seconds until the application
 // answers: its own "pending" keeps the request, any other answer ends it, and with no answer
-// the request expires at 120 seconds.
+// the request expires at 120 seconds. An answer may come from inside the start handler.
 TEST(CDBSession, PeerStartServiceIsHeldUntilAnsweredOrExpired) {
-    Session s(Role::Client);
-    setUpServices(s);
-    s.peer.w().sendStartService(1, {2, 0});
-    EXPECT_EQ(s.advance(5000), Lines{"4000 ServiceResponse 0x0001 0x0010"});
-    s.host->on([](CDBSession& x) { x.sendServiceResponse(1, 0x0010); });
-    EXPECT_EQ(s.advance(3000),
-              (Lines{"5000 ServiceResponse 0x0001 0x0010", "8000 ServiceResponse 0x0001 0x0010"}));
-    s.host->on([](CDBSession& x) { x.sendServiceResponse(1, 0x0001); });
-    EXPECT_EQ(s.advance(1000), Lines{"8000 ServiceResponse 0x0001 0x0001"});
-
-    s.peer.w().sendStartService(1, {2, 0});  // at 9 s; the answered request stays quiet
-    Lines expected;
+    std::string expiry;
     for (int t = 13000; t < 129000; t += 4000)
-        expected.push_back(fmt("%d ServiceResponse 0x0001 0x0010", t));
-    expected.push_back("129000 ServiceResponse 0x0001 0x0201");
-    EXPECT_EQ(s.advance(130000), expected);
-    EXPECT_EQ(s.host->trace.take(), (Lines{"start 0x0001 2.0", "start 0x0001 2.0"}));
-    EXPECT_EQ(pending(s), std::vector<uint16_t>{});
-}
-
-// A service may answer from inside its start handler, before the session's call returns.
-TEST(CDBSession, AnswerGivenDuringStartServiceEndsIt) {
-    Session s(Role::Client);
-    CDBSession* session = nullptr;
-    s.host->beforeRun = [&](CDBSession& x) { session = &x; };
-    s.addService("svc", {1, 0});
-    static_cast<TraceHandler*>(s.handlers[0].get())->onStart = [&] {
-        session->sendServiceResponse(1, 0x0001);
+        expiry += fmt("@%d ServiceResponse 0x0001 0x0010 | ", t);
+    auto answer = [](uint16_t code) {
+        return B::on([code](CDBSession& s) { s.sendServiceResponse(1, code); });
     };
-    s.exchange({});
-    s.peer.w().sendStartService(1, {1, 0});
-    EXPECT_EQ(s.advance(8000), Lines{"0 ServiceResponse 0x0001 0x0001"});
+    Services b;
+    b.play({{start(1, {2, 0}), "start 0x0001 2.0"},
+            {B::advance(5000), "@4000 ServiceResponse 0x0001 0x0010"},
+            {answer(0x0010), "ServiceResponse 0x0001 0x0010"},
+            {B::advance(3000), "@8000 ServiceResponse 0x0001 0x0010"},
+            {answer(0x0001), "ServiceResponse 0x0001 0x0001"},
+            {B::advance(1000), ""},
+            {start(1, {2, 0}), "start 0x0001 2.0"},
+            {B::advance(120000), expiry + "@129000 ServiceResponse 0x0001 0x0201"},
+            {B::on([](CDBSession& s) { EXPECT_TRUE(s.pendingRequestIds().empty()); }), ""}});
+
+    Bench early(Role::kClient);
+    early.addService("svc", {1, 0}).onStart = [&] { early.s().sendServiceResponse(1, 1); };
+    early.play({{start(1, {1, 0}), "ServiceResponse 0x0001 0x0001 | start 0x0001 1.0"},
+                {B::advance(8000), ""}});
 }
 
+// The sink hears the time-out code as if the peer had sent it, then we stop the service;
+// the stop's own request expires five seconds later. The peer's "pending" holds the start
+// until 120 seconds.
 TEST(CDBSession, OurStartServiceTimesOutUnlessThePeerKeepsItPending) {
-    for (bool peerSaysPending : {false, true}) {
-        SCOPED_TRACE(peerSaysPending ? "pending every 4 s" : "silent");
-        Session s(Role::Client);
-        s.exchange({CDBService(0x4001, {1, 2}, 0, 0, "svc")});
-        s.addSink(0x4001);
-        s.host->on([](CDBSession& x) { x.startPeerService(0x4001); });
-        EXPECT_EQ(s.peer.sync(), Lines{"StartService 0x4001 1.2"});
-        Lines seen;
-        for (int t = 0; t < 120000; t += 4000) {
-            if (peerSaysPending) s.peer.w().sendServiceResponse(0x4001, 0x0010);
-            for (const std::string& m : s.advance(4000)) seen.push_back(m);
-        }
-        // The sink hears the time-out code as if the peer had sent it, then we stop the
-        // service; the stop's own request expires five seconds later.
-        EXPECT_EQ(seen,
-                  Lines{peerSaysPending ? "120000 StopService 0x4001" : "5000 StopService 0x4001"});
-        Lines trace = s.host->trace.take();
-        EXPECT_EQ(trace.at(0), "response 0x4001 0x0201");
-        EXPECT_EQ(trace.size(), peerSaysPending ? 1u : 2u);
-        if (peerSaysPending) {
-            EXPECT_EQ(s.advance(5000), Lines{});
-            EXPECT_EQ(s.host->trace.take(), Lines{"response 0x4001 0x0202"});
-        }
+    for (int expiry : {5000, 120000}) {
+        Bench b(Role::kClient, {CDBService(0x4001, {1, 2}, 0, 0, "svc")});
+        if (expiry > 5000)
+            b.peer.on("Ping ", [&b](W& w, const std::string& ping) {
+                pong(w, ping);
+                if (b.elapsedMs < 120000) w.sendServiceResponse(0x4001, 0x0010);
+            });
+        b.play({{startPeerService(0x4001), "*"},
+                {B::advance(expiry - 1), ""},
+                {B::advance(1), fmt("@%d StopService 0x4001 | response 0x4001 0x0201 | 30 "
+                                    "Stopping peer service 16385 (0x4001)",
+                                    expiry)},
+                {B::advance(5000), "response 0x4001 0x0202"}});
     }
 }
 
 // The peer withdraws the service while our StartService is outstanding: the time-out has
 // nobody to tell, and the StopService that would follow only reports that it cannot.
 TEST(CDBSession, RequestForAWithdrawnServiceExpiresQuietly) {
-    Session s(Role::Client);
-    s.exchange({CDBService(0x4001, {1, 0}, 0, 0, "svc")});
-    s.addSink(0x4001);
-    s.host->on([](CDBSession& x) { x.startPeerService(0x4001); });
-    s.peer.w().sendServicesSupported({1, 1}, nullptr, 0);
-    EXPECT_EQ(s.advance(5000), Lines{"0 StartService 0x4001 1.0"});
-    EXPECT_EQ(s.host->trace.take(),
-              (Lines{"removed 1.1 [0x4001 svc 1.0 attr=0 ac=0]", "added 1.1 []"}));
-    EXPECT_EQ(s.host->log.lines().back(),
-              "0 Failed to stop peer service 16385 (0x4001) - service does not exist");
+    Bench(Role::kClient, {CDBService(0x4001, {1, 0}, 0, 0, "svc")})
+        .play({{startPeerService(0x4001), "*"},
+               {B::send([](W& w) {
+                    w.sendServicesSupported({1, 1}, nullptr, 0);
+                }),
+                "removed 1.1 [0x4001 svc 1.0 attr=0 ac=0] | added 1.1 []"},
+               {B::advance(5000),
+                "0 Failed to stop peer service 16385 (0x4001) - service does not exist"}});
+}
+
+// With nothing to do the loop blocks until its descriptor wakes it, rather than spinning or
+// servicing an empty queue; errno left set by an application callback does not stop it; and
+// descriptors beyond select()'s 1024 work.
+TEST(CDBSession, LoopWaitsWithoutSpinningAndSurvivesStrayErrno) {
+    rlimit limit;
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    rlimit raised = limit;
+    raised.rlim_cur = std::max<rlim_t>(limit.rlim_cur, std::min<rlim_t>(1200, limit.rlim_max));
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
+    std::vector<int> held;
+    while (held.empty() || (held.back() >= 0 && held.back() < 1100)) held.push_back(::dup(0));
+    {
+        Bench b(Role::kClient);
+        std::thread waker;
+        std::atomic<bool> woken{false};
+        auto block = [&](B& b) {
+            char byte;
+            ASSERT_EQ(::read(b.wakeupDescriptor(), &byte, 1), 1);
+            waker = std::thread([&b, &woken] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                woken = true;
+                ASSERT_EQ(::write(b.wakeupWriter(), "w", 1), 1);
+            });
+        };
+        b.play({{block, "-"},
+                {[&](B&) { EXPECT_TRUE(woken); }, "-"},
+                {[](B&) { errno = EINTR; }, ""},
+                {B::send([](W& w) { w.sendPing(3); }), "PingResponse 3"}});
+        waker.join();
+    }
+    for (int fd : held) ::close(fd);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// A connection that cannot be accepted stays pending and keeps the listening socket
+// readable: the server pauses instead of trying again each turn, and accepts once it can.
+TEST(CDBSession, ServerOutOfDescriptorsPausesAndAcceptsLater) {
+    Bench b(Role::kServer);
+    b.tcp = true;
+    b.preamble = false;
+    rlimit limit;
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    auto exhaust = [&](B& b) {
+        b.connectPeer();
+        int lowestFree = ::dup(0);
+        ::close(lowestFree);
+        rlimit lowered = limit;
+        lowered.rlim_cur = static_cast<rlim_t>(lowestFree);
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    };
+    b.play(
+        {{exhaust, fmt("30 Listening on %s | 10 accept() failed: error %d: %s", b.url(), EMFILE,
+                       std::strerror(EMFILE))},
+         {[&](B&) { ::setrlimit(RLIMIT_NOFILE, &limit); }, ""},
+         {B::advance(99), ""},
+         {B::advance(1), "connected | removed 1.1 [] | added 1.1 [] | 30 Connection established"}});
 }
 
 }  // namespace

@@ -1,21 +1,32 @@
 #pragma once
 
+// The CDB layer's test kit: bytes, a stream the test feeds, a text form of every message,
+// the scripted raw peer, and Bench, which runs one session on the test's own thread against
+// that peer, one step of a script per turn of the session's loop.
+
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "cdb/CDBProtocolHandler.h"
 #include "cdb/CDBReader.h"
-#include "cdb/CDBWire.h"
+#include "cdb/CDBSession.h"
 #include "cdb/CDBWriter.h"
-#include "plat/DString.h"
-#include "plat/Logger.h"
+#include "mirrorlink/TcpSocket.h"
+#include "plat/Exception.h"
+#include "plat/ManualClock.h"
 #include "plat/RecordingLogger.h"
 #include "rdr/BufferedInStream.h"
 #include "rdr/MemOutStream.h"
@@ -23,9 +34,41 @@
 namespace cdbtest {
 
 using Bytes = std::vector<uint8_t>;
+using Lines = std::vector<std::string>;
 using zelcdbsdk::CDBService;
+using zelcdbsdk::CDBSession;
 using zelcdbsdk::CDBVersion;
 using zelcdbsdk::CDBWriter;
+
+constexpr int kPatienceMs = 10000;  // the longest a test waits for a socket before failing
+
+inline std::string fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
+inline std::string fmt(const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    return text;
+}
+
+inline std::string hex(const uint8_t* data, size_t n) {
+    std::string text;
+    for (size_t i = 0; i < n; ++i) text += fmt("%02x", data[i]);
+    return text;
+}
+
+inline Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+inline Bytes written(const std::function<void(CDBWriter&)>& write) {
+    rdr::MemOutStream out;
+    CDBWriter writer(out, nullptr);
+    write(writer);
+    return Bytes(out.data(), out.data() + out.length());
+}
 
 // Behaves like a non-blocking socket under a BufferedInStream: each read hands out as much
 // of the bytes fed so far as fits, and nothing when none are pending.
@@ -49,120 +92,436 @@ private:
     size_t taken_ = 0;
 };
 
-inline std::string hex(const Bytes& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (uint8_t b : bytes) text += {kDigits[b >> 4], kDigits[b & 15]};
-    return text;
+inline std::string describe(const CDBService& s) {
+    return fmt("0x%04x %s %d.%d attr=%d ac=%d", s.id, s.name(), s.version.majorNumber,
+               s.version.minorNumber, s.serviceAttribute, s.accessControl);
 }
 
-inline Bytes operator+(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-inline Bytes written(const std::function<void(CDBWriter&)>& write) {
-    rdr::MemOutStream out;
-    CDBWriter writer(out, nullptr);
-    write(writer);
-    return Bytes(out.data(), out.data() + out.length());
-}
-
-// Writes every message it is handed back out through a CDBWriter: since the writer's bytes
-// are pinned down by the sample table, what the reader delivered compares byte for byte with
-// what it was fed.
-struct EchoHandler : zelcdbsdk::CDBProtocolHandler {
-    rdr::MemOutStream out;
-    CDBWriter writer{out, nullptr};
-    std::vector<const uint8_t*> payloads;
-
-    Bytes bytes() { return Bytes(out.data(), out.data() + out.length()); }
-    void handleServicesRequest(CDBVersion v) override { writer.sendServicesRequest(v); }
-    void handleServicesSupported(CDBVersion v, const std::vector<CDBService>& services,
-                                 uint16_t count) override {
-        EXPECT_EQ(count, services.size());
-        writer.sendServicesSupported(v, services.data(), services.size());
+// Renders each message it is handed as one line.
+struct TextHandler : zelcdbsdk::CDBProtocolHandler {
+    Lines messages;
+    void handleServicesRequest(CDBVersion v) override {
+        messages.push_back(fmt("ServicesRequest %d.%d", v.majorNumber, v.minorNumber));
     }
-    void handleStartService(uint16_t id, CDBVersion v) override { writer.sendStartService(id, v); }
-    void handleStopService(uint16_t id) override { writer.sendStopService(id); }
+    void handleServicesSupported(CDBVersion v, const std::vector<CDBService>& list,
+                                 uint16_t) override {
+        std::string text = fmt("ServicesSupported %d.%d", v.majorNumber, v.minorNumber);
+        for (const CDBService& s : list) text += (&s == &list[0] ? ": " : ", ") + describe(s);
+        messages.push_back(text);
+    }
+    void handleStartService(uint16_t id, CDBVersion v) override {
+        messages.push_back(fmt("StartService 0x%04x %d.%d", id, v.majorNumber, v.minorNumber));
+    }
+    void handleStopService(uint16_t id) override {
+        messages.push_back(fmt("StopService 0x%04x", id));
+    }
     void handleServicePayload(uint16_t id, uint8_t ac, size_t n, const uint8_t* data) override {
-        payloads.push_back(data);
-        writer.sendServicePayload(id, ac, data, n);
+        messages.push_back(fmt("ServicePayload 0x%04x ac=%d ", id, ac) + hex(data, n));
     }
     void handleServiceResponse(uint16_t id, uint16_t code) override {
-        writer.sendServiceResponse(id, code);
+        messages.push_back(fmt("ServiceResponse 0x%04x 0x%04x", id, code));
     }
-    void handlePing(uint16_t sequence) override { writer.sendPing(sequence); }
-    void handlePingResponse(uint16_t sequence) override { writer.sendPingResponse(sequence); }
-    void handleByeBye() override { writer.sendByeBye(); }
+    void handlePing(uint16_t n) override { messages.push_back(fmt("Ping %d", n)); }
+    void handlePingResponse(uint16_t n) override { messages.push_back(fmt("PingResponse %d", n)); }
+    void handleByeBye() override { messages.push_back("ByeBye"); }
 };
 
-using RecordingLogger = zeltest::RecordingLogger;
-
-// Runs the reader until it needs more input; returns how many messages completed.
-inline int drain(zelcdbsdk::CDBReader& reader) {
-    int completed = 0;
-    while (reader.processMessages()) ++completed;
-    return completed;
+inline sockaddr_in loopback(int port = 0) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
 }
 
-inline Bytes pattern(size_t length, uint8_t seed) {
-    Bytes data(length);
-    for (size_t i = 0; i < length; ++i) data[i] = static_cast<uint8_t>(seed + i * 7);
-    return data;
+// A loopback socket bound to a free port (with SO_REUSEADDR, so that a server may bind the
+// port again while this one holds it); *port receives the port.
+inline int boundSocket(int* port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0), on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address = loopback();
+    socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    *port = ntohs(address.sin_port);
+    return fd;
 }
 
-// One message of each kind, with names and payload sizes at the limits: the writer must
-// produce `hex` (blanks only for reading) and log "Sending " + line; the reader must hand it
-// back unchanged and log "Received " + line.
-struct Sample {
-    std::string hex;
-    std::string line;
-    std::function<void(CDBWriter&)> write;
+// The far end of a session's connection, speaking raw CDB. What it receives becomes one line
+// per message. A rule answers every message that begins with its prefix and hides it, as a
+// healthy peer answers pings without the test spelling each one out.
+class Peer {
+public:
+    using Reply = std::function<void(CDBWriter&, const std::string& message)>;
+    ~Peer() {
+        close();
+        if (listener_ >= 0) ::close(listener_);
+    }
+    void adopt(int fd) {
+        close();
+        fd_ = fd;
+    }
+    void close() {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+    // Listens for a client session; returns the URL to give it.
+    std::string listen() {
+        int port;
+        listener_ = boundSocket(&port);
+        ::listen(listener_, 1);
+        return "cdb://127.0.0.1:" + std::to_string(port);
+    }
+    bool accept() {
+        pollfd entry = {listener_, POLLIN, 0};
+        if (::poll(&entry, 1, kPatienceMs) == 1) adopt(::accept(listener_, nullptr, nullptr));
+        return fd_ >= 0;
+    }
+    bool connect(int port) {
+        sockaddr_in address = loopback(port);
+        adopt(::socket(AF_INET, SOCK_STREAM, 0));
+        return ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+
+    void on(const std::string& prefix, Reply reply) { rules_[prefix] = std::move(reply); }
+    void off(const std::string& prefix) { rules_.erase(prefix); }
+
+    // What is written here goes out with the next flush(), sendRaw(), take() or next(),
+    // without blocking: what the socket cannot take yet waits for the flush after.
+    CDBWriter& w() { return writer_; }
+    void flush() {
+        unsent_.insert(unsent_.end(), out_.data(), out_.data() + out_.length());
+        out_.clear();
+        ssize_t n = unsent_.empty() || fd_ < 0
+                        ? 0
+                        : ::send(fd_, unsent_.data(), unsent_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        unsent_.erase(unsent_.begin(), unsent_.begin() + std::max<ssize_t>(n, 0));
+    }
+    bool unsent() const { return !unsent_.empty(); }
+    void sendRaw(const Bytes& bytes, int flags = 0) {
+        flush();
+        if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | flags) < 0) ADD_FAILURE();
+    }
+
+    // Every message that has arrived, without waiting; "closed" once the session closed.
+    Lines take() {
+        while (receive(0)) {
+        }
+        Lines got(text_.messages.begin() + static_cast<std::ptrdiff_t>(next_),
+                  text_.messages.end());
+        text_.messages.clear();
+        next_ = 0;
+        return got;
+    }
+    // The next message, waiting for it; "nothing" when none came within the patience.
+    std::string next() {
+        Lines& all = text_.messages;
+        while (next_ == all.size()) {
+            all.clear();
+            next_ = 0;
+            if (!receive(kPatienceMs)) return "nothing";
+        }
+        return all[next_++];
+    }
+    int answered = 0;  // messages the rules answered
+
+private:
+    // Reads what is there, answering by the rules; false when nothing came.
+    bool receive(int timeoutMs) {
+        flush();
+        pollfd entry = {fd_, POLLIN, 0};
+        if (fd_ < 0 || ::poll(&entry, 1, timeoutMs) != 1) return false;
+        uint8_t buffer[65536];
+        ssize_t got = ::recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
+        Lines& all = text_.messages;
+        size_t i = all.size();
+        if (got <= 0) {
+            close();
+            all.push_back("closed");
+            return true;
+        }
+        in_.feed(buffer, static_cast<size_t>(got));
+        while (reader_.processMessages()) {
+        }
+        while (i < all.size()) {
+            auto rule = std::find_if(rules_.begin(), rules_.end(), [&](const auto& r) {
+                return all[i].compare(0, r.first.size(), r.first) == 0;
+            });
+            if (rule == rules_.end()) {
+                ++i;
+                continue;
+            }
+            rule->second(writer_, all[i]);
+            ++answered;
+            all.erase(all.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+        flush();
+        return true;
+    }
+
+    int fd_ = -1, listener_ = -1;
+    size_t next_ = 0;  // messages before it were handed out by next()
+    std::map<std::string, Reply> rules_;
+    rdr::MemOutStream out_;
+    Bytes unsent_;
+    CDBWriter writer_{out_, nullptr};
+    FeedInStream in_;
+    TextHandler text_;
+    zelcdbsdk::CDBReader reader_{text_, in_, nullptr};
 };
 
-inline const std::vector<Sample>& samples() {
-    static const std::string kLongName(255, 'n');
-    static const Bytes kLargest = pattern(zelcdbsdk::kMaxServicePayloadLength, 11);
-    static const std::vector<CDBService> kServices = {
-        CDBService(0x4001, {2, 3}, 0x81, 0x5a, "ab"),
-        CDBService(0x7fff, {255, 254}, 7, 0, kLongName.c_str()),
-        CDBService(0x4100, {3, 4}, 0x01, 0x22, "")};  // an empty name ends the message
-    static const std::vector<Sample> kSamples = {
-        {"b101 0002 0101", "ServicesRequest (endpoint version 1.1)",
-         [](CDBWriter& w) {
-             w.sendServicesRequest(CDBVersion{1, 1});
-         }},
-        {"b102 011a 0101 0003 4001 0203 81 5a 02 6162 7fff fffe 07 00 ff" + hex(Bytes(255, 'n')) +
-             "4100 0304 01 22 00",
-         "ServicesSupported (endpoint version 1.1, 3 services)",
-         [](CDBWriter& w) {
-             w.sendServicesSupported(CDBVersion{1, 1}, kServices.data(), 3);
-         }},
-        {"b102 0004 0100 0000", "ServicesSupported (endpoint version 1.0, 0 services)",
-         [](CDBWriter& w) {
-             w.sendServicesSupported(CDBVersion{1, 0}, nullptr, 0);
-         }},
-        {"b103 0004 4001 0200", "StartService, service 16385 (0x4001), version 2.0",
-         [](CDBWriter& w) {
-             w.sendStartService(0x4001, CDBVersion{2, 0});
-         }},
-        {"b104 0002 0012", "StopService, service 18 (0x0012)",
-         [](CDBWriter& w) { w.sendStopService(0x0012); }},
-        {"b105 0008 4002 7e dead00beef", "ServicePayload, service 16386 (0x4002), length 5",
-         [](CDBWriter& w) { w.sendServicePayload(0x4002, 0x7e, "\xde\xad\0\xbe\xef", 5); }},
-        {"b105 0003 0001 02", "ServicePayload, service 1 (0x0001), length 0",
-         [](CDBWriter& w) { w.sendServicePayload(1, 2, nullptr, 0); }},
-        {"b105 1fa7 4006 00" + hex(kLargest), "ServicePayload, service 16390 (0x4006), length 8100",
-         [](CDBWriter& w) { w.sendServicePayload(0x4006, 0, kLargest.data(), kLargest.size()); }},
-        {"b106 0002 fffe", "PingResponse, sequence number 65534",
-         [](CDBWriter& w) { w.sendPingResponse(0xfffe); }},
-        {"b107 0004 4003 020a", "ServiceResponse, service 16387 (0x4003), response 020a",
-         [](CDBWriter& w) { w.sendServiceResponse(0x4003, 0x020a); }},
-        {"b108 0002 0102", "Ping, sequence number 258", [](CDBWriter& w) { w.sendPing(258); }},
-        {"b109 0000", "ByeBye", [](CDBWriter& w) { w.sendByeBye(); }},
-    };
-    return kSamples;
+inline void pong(CDBWriter& w, const std::string& ping) {
+    w.sendPingResponse(static_cast<uint16_t>(std::stoi(ping.substr(5))));
 }
+
+enum class Role { kClient, kServer };
+
+class Bench;
+using Step = std::function<void(Bench&)>;
+// A step of the script and what must come of it (see Bench::observe()). "-" runs the next
+// row in the very next turn of the loop, without waiting or checking; "*" waits as for a
+// check, then forgets what came.
+struct Row {
+    Step step;
+    std::string expect;
+};
+
+// Writes what a service or sink is told into calls.
+struct TraceHandler : CDBService::Handler {
+    TraceHandler(Lines& calls, uint16_t id) : Handler(nullptr, id), calls(calls) {}
+    void startService(CDBVersion v) override {
+        calls.push_back(fmt("start 0x%04x %d.%d", serviceId(), v.majorNumber, v.minorNumber));
+        if (onStart) onStart();
+    }
+    void stopService() override { calls.push_back(fmt("stop 0x%04x", serviceId())); }
+    void serviceResponse(uint16_t code) override {
+        calls.push_back(fmt("response 0x%04x 0x%04x", serviceId(), code));
+    }
+    void servicePayload(const uint8_t* data, size_t n) override {
+        calls.push_back(fmt("payload 0x%04x ", serviceId()) + hex(data, n));
+    }
+    void sessionEnded() override { calls.push_back(fmt("ended 0x%04x", serviceId())); }
+    Lines& calls;
+    std::function<void()> onStart;
+};
+
+// One session on the test's thread and a virtual clock, connected to a Peer through a socket
+// pair (or, with tcp set, through loopback). The wake-up descriptor the session watches
+// always holds a byte, so every turn of its loop services the owner's messages, and each
+// such turn performs the next row's step. After a step the bench lets the loop turn until
+// nothing has moved either way for three turns, moving the clock as advance() asked, then
+// checks observe() against the row. Once the rows are done the peer closes the connection;
+// once run() has ended the sinks are told, as the endpoint tells them.
+//
+// The peer answers pings, and the session's ServicesRequest with `theirs`; unless preamble
+// is cleared, the script begins after that exchange, its effects unobserved.
+class Bench : public zelcdbsdk::CDBSessionOwner {
+public:
+    explicit Bench(Role role, std::vector<CDBService> theirs = {}) : role_(role) {
+        if (::pipe(wake_) != 0 || ::write(wake_[1], "w", 1) != 1) ADD_FAILURE() << "pipe";
+        peer.on("Ping ", pong);
+        peer.on("ServicesRequest ", [theirs](CDBWriter& w, const std::string&) {
+            w.sendServicesSupported({1, 1}, theirs.data(), theirs.size());
+        });
+    }
+    ~Bench() override {
+        for (int fd : {wake_[0], wake_[1], reserved_})
+            if (fd >= 0) ::close(fd);
+    }
+
+    bool client() const { return role_ == Role::kClient; }
+    // Own service i, in order of adding, with a handler that writes into calls.
+    TraceHandler& addService(const char* name, CDBVersion v, uint8_t attr = 0, uint8_t ac = 0) {
+        uint16_t id = static_cast<uint16_t>((client() ? 1 : 0x4001) + services_.size());
+        services_.emplace_back(id, v, attr, ac, name, trace(id));
+        return *static_cast<TraceHandler*>(services_.back().handler);
+    }
+    TraceHandler* trace(uint16_t id) {
+        handlers_.push_back(CDBService::HandlerRef::adopt(new TraceHandler(calls, id)));
+        return static_cast<TraceHandler*>(handlers_.back().get());
+    }
+
+    // Steps. sink() attaches a tracing sink to a peer service; advance() moves the clock on
+    // in steps of at most a second, and what the session sends meanwhile is stamped
+    // "@<ms since the script began>"; on() runs fn as a control message from the application
+    // does; send() has the peer send what fn writes.
+    static Step sink(uint16_t id) {
+        return [id](Bench& b) { b.s().addSink(id, b.trace(id)); };
+    }
+    static Step advance(int64_t ms) {
+        return [ms](Bench& b) { b.advanceLeft_ = ms, b.stamped_ = true; };
+    }
+    static Step on(std::function<void(CDBSession&)> fn) {
+        return [fn](Bench& b) { fn(b.s()); };
+    }
+    static Step send(std::function<void(CDBWriter&)> fn) {
+        return [fn](Bench& b) { fn(b.peer.w()); };
+    }
+
+    // What the peer received, then what the owner and handlers were told, then the session's
+    // lines at level 30 or more severe, since the last observation; " | " between items.
+    std::string observe() {
+        Lines items = sent_;
+        items.insert(items.end(), calls.begin(), calls.end());
+        for (size_t i = logged_; i < log.lines.size(); ++i)
+            if (log.lines[i].facility == "CDBSession" && log.lines[i].level <= 30)
+                items.push_back(std::to_string(log.lines[i].level) + " " + log.lines[i].text);
+        sent_.clear();
+        calls.clear();
+        logged_ = log.lines.size();
+        std::string text;
+        for (const std::string& item : items) text += (text.empty() ? "" : " | ") + item;
+        return text;
+    }
+
+    // Runs the session through the rows; returns how run() ended: "Disconnected" or the text
+    // of what it threw.
+    std::string play(const std::vector<Row>& rows) {
+        rows_ = &rows;
+        session_ = client() ? CDBSession::createClient(*this) : CDBSession::createServer(*this);
+        std::string outcome = "Disconnected";
+        try {
+            if (tcp) {
+                session_->run();
+            } else {
+                int pair[2];
+                mirrorlink::TcpSocket end;  // takes over the pair's descriptor
+                if (::socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0 ||
+                    end.create(AF_UNIX, SOCK_STREAM) != 0 || ::dup2(pair[0], end.fd()) < 0)
+                    ADD_FAILURE() << "socketpair";
+                ::close(pair[0]);
+                end.setBlocking(false);
+                peer.adopt(pair[1]);
+                session_->runConnected(end);
+            }
+        } catch (const plat::Exception& e) {
+            outcome = e.str();
+        }
+        session_->endSinks();
+        session_.reset();
+        collect();
+        if (settling_) finishRow();
+        if (row_ < rows.size()) ADD_FAILURE() << "the session ended before row " << row_;
+        return outcome;
+    }
+
+    CDBSession& s() { return *session_; }
+    // A tcp bench's URL: the peer's listening port for a client, a reserved one for a server.
+    const char* url() override {
+        if (url_.empty()) url_ = client() ? peer.listen() : reservedUrl();
+        return url_.c_str();
+    }
+    // Makes the connection a tcp bench's session is waiting for.
+    void connectPeer() {
+        if (!(client() ? peer.accept() : peer.connect(port_))) throw plat::Exception("no peer");
+    }
+    int wakeupDescriptor() override { return wake_[0]; }
+    int wakeupWriter() const { return wake_[1]; }
+
+    bool tcp = false, preamble = true;
+    int64_t elapsedMs = 0;
+    plat::ManualClock clock;
+    plat::ScopedClock useClock{&clock};
+    Peer peer;
+    Lines calls;
+    zeltest::RecordingLogger log;
+
+private:
+    // CDBSessionOwner
+    const std::vector<CDBService>& localServices() override { return services_; }
+    CDBVersion cdbVersion() override { return {1, 1}; }
+    plat::Logger* logger() override { return &log; }
+    void endWait() override {
+        // A loop that no longer services its messages would never end the script.
+        if (++unserviced_ > 1000) throw plat::Exception("the loop stopped servicing messages");
+    }
+    void sessionConnected() override { calls.push_back("connected"); }
+    void peerServicesChanged(CDBVersion v, const std::vector<const CDBService*>& list,
+                             bool added) override {
+        std::string event =
+            fmt("%s %d.%d [", added ? "added" : "removed", v.majorNumber, v.minorNumber);
+        for (const CDBService* s : list) event += (event.back() == '[' ? "" : ", ") + describe(*s);
+        calls.push_back(event + "]");
+    }
+    void servicesRequestTimedOut() override { calls.push_back("services request timed out"); }
+    ZELCDBEndpoint* endpointHandle() override { return nullptr; }
+    void* endpointContext() override { return nullptr; }
+    void enterCallback() override {}
+    void leaveCallback() override {}
+
+    // One turn of the loop.
+    void serviceMessages() override {
+        unserviced_ = 0;
+        bool moved = collect();
+        if (++turns_ > 100000) throw plat::Exception("the script does not end");
+        quiet_ = moved ? 0 : quiet_ + 1;
+        if (preamble) {
+            if (turns_ == 1 && tcp) connectPeer();
+            if (quiet_ < 3 || s().state() != CDBSession::Connected) return;
+            preamble = false;
+            observe();
+        }
+        if (settling_) {
+            if (quiet_ < 3) return;
+            if (advanceLeft_ > 0) {
+                int64_t step = std::min<int64_t>(1000, advanceLeft_);
+                advanceLeft_ -= step;
+                elapsedMs += step;
+                clock.advanceMs(step);
+                quiet_ = 0;
+                return;
+            }
+            finishRow();
+        }
+        if (row_ == rows_->size()) {
+            CDBSession::State state = s().state();
+            if (state == CDBSession::Connected || state == CDBSession::Closing) peer.close();
+            if (state != CDBSession::Connected && state != CDBSession::Closing) s().terminate();
+            return;
+        }
+        const Row& row = (*rows_)[row_];
+        row.step(*this);
+        peer.flush();
+        settling_ = row.expect != "-";
+        quiet_ = 0;
+        if (!settling_) ++row_;
+    }
+
+    // Takes what the peer received; true if anything moved either way.
+    bool collect() {
+        int answered = peer.answered;
+        Lines got = peer.take();
+        for (std::string& m : got)
+            sent_.push_back(stamped_ ? fmt("@%lld ", static_cast<long long>(elapsedMs)) + m : m);
+        return !got.empty() || peer.answered != answered || peer.unsent();
+    }
+    void finishRow() {
+        std::string seen = observe();
+        if ((*rows_)[row_].expect != "*") {
+            EXPECT_EQ(seen, (*rows_)[row_].expect) << "row " << row_;
+        }
+        stamped_ = settling_ = false;
+        ++row_;
+    }
+    std::string reservedUrl() {
+        reserved_ = boundSocket(&port_);
+        return "cdb://127.0.0.1:" + std::to_string(port_);
+    }
+
+    Role role_;
+    std::string url_;
+    int port_ = 0, reserved_ = -1, wake_[2];
+    std::unique_ptr<CDBSession> session_;
+    std::vector<CDBService> services_;
+    std::vector<CDBService::HandlerRef> handlers_;
+    const std::vector<Row>* rows_ = nullptr;
+    size_t row_ = 0;
+    bool settling_ = false, stamped_ = false;
+    int quiet_ = 0, unserviced_ = 0;
+    long turns_ = 0;
+    int64_t advanceLeft_ = 0;
+    Lines sent_;
+    size_t logged_ = 0;
+};
 
 }  // namespace cdbtest

@@ -1,130 +1,154 @@
+// The control queue between application threads and the one servicing thread: order, the
+// thread's start and end, the wake-up bytes, allocation failure, and the races between them.
 #include <gtest/gtest.h>
-#include <pthread.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <memory>
-#include <new>
+#include <mutex>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "FailingAllocator.h"
 #include "messaging/ConditionUNIX.h"
-#include "messaging/ControlMessageQueue.h"
+#include "messaging/ControlMessage.h"
 #include "messaging/ControlMessageQueueUNIX.h"
-#include "messaging/LoopServicer.h"
 #include "messaging/Mutex.h"
 #include "plat/Exception.h"
 
 namespace {
 
 using messaging::ControlMessageQueueUNIX;
-using messagingtest::BodyServicer;
-using messagingtest::Counter;
-using messagingtest::FnMessage;
-using messagingtest::LoopServicer;
+using Seen = std::vector<std::string>;
 
-// Lets a test hold the new thread inside its start-up, or make the start-up fail.
-class ScriptedQueue : public ControlMessageQueueUNIX {
+// Counts events on any thread and lets a test wait (at most ten seconds) for a count.
+class Counter {
 public:
-    using ControlMessageQueueUNIX::ControlMessageQueueUNIX;
-    ~ScriptedQueue() override {  // the base destructor joins the thread
-        gate.bump();
-        entryGate.bump();
+    void bump() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++count_;
+        changed_.notify_all();
     }
-    Counter inStartUp;
-    Counter gate;  // the start-up goes on once this is bumped
-    std::atomic<int> failuresLeft{0};
-    // With holdEntry set, a new thread waits for entryGate before its body takes the queue
-    // mutex: the gap in which nothing but the pending start keeps a second start() out.
-    std::atomic<bool> holdEntry{false};
-    Counter threadsCreated, entryGate;
-    Counter notified;  // wake-up bytes written, one per queued message
-    // When set (before the poster queues its entry), a synchronous poster that has been woken
-    // lets go of the queue mutex until *wakeGate is bumped, and bumps *rewoken once it holds
-    // the mutex again.
-    Counter* wakeGate = nullptr;
-    Counter* rewoken = nullptr;
-
-    void startThread() override {
-        if (!holdEntry) return ControlMessageQueueUNIX::startThread();
-        pthread_t thread;
-        if (int err = pthread_create(&thread, nullptr, heldEntry, this)) {
-            cancelStart();
-            throw plat::SystemException("pthread_create", err);
-        }
+    bool waitFor(int count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return count_ >= count; });
     }
-    messaging::Condition* createCondition() override {
-        if (!wakeGate) return ControlMessageQueueUNIX::createCondition();
-        return new SlowWakeCondition(*wakeGate, *rewoken);
-    }
-
-protected:
-    bool initialiseInThread() override {
-        inStartUp.bump();
-        gate.waitFor(1);
-        bool ok = ControlMessageQueueUNIX::initialiseInThread();
-        if (ok && failuresLeft > 0) {
-            // As if fcntl had failed after pipe: the pipe is closed again.
-            --failuresLeft;
-            closeWakeup();
-            return false;
-        }
-        return ok;
-    }
-    void notify() override {
-        notified.bump();
-        ControlMessageQueueUNIX::notify();
+    int count() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return count_;
     }
 
 private:
-    class SlowWakeCondition : public messaging::ConditionUNIX {
-    public:
-        SlowWakeCondition(Counter& gate, Counter& rewoken) : gate_(gate), rewoken_(rewoken) {}
-        void wait(messaging::Mutex& mutex) override {
-            ConditionUNIX::wait(mutex);
-            mutex.unlock();
-            gate_.waitFor(1);
-            mutex.lock();
-            rewoken_.bump();
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int count_ = 0;
+};
+
+// Performs a function; counts its own destruction so that tests see discarded messages freed.
+struct FnMessage : messaging::ControlMessage {
+    explicit FnMessage(std::function<int()> fn, Counter* freed = nullptr)
+        : fn(std::move(fn)), freed(freed) {}
+    ~FnMessage() override {
+        if (freed) freed->bump();
+    }
+    int action() override { return fn(); }
+    std::function<int()> fn;
+    Counter* freed;
+};
+
+// The servicing thread runs `body`, by default an endpoint's loop: wait on the wake-up
+// descriptor, service the queue, until a message sets `stop`. Hooks let a test hold the new
+// thread in its start-up or before it takes the queue mutex, fail its start-up once, or
+// slow down a synchronous poster's wake-up.
+struct Queue : messaging::ControlMessageQueue::Servicer, ControlMessageQueueUNIX {
+    Queue() : ControlMessageQueueUNIX(this) {}
+    ~Queue() override {  // as the base destructor does, but before the members go
+        gate.bump();
+        entryGate.bump();
+        waitForStartUp();
+        finish(false);
+        join();
+    }
+    void run() override {
+        started.bump();
+        if (body) return body();
+        stop = false;
+        while (!stop) {
+            pollfd entry = {getWakeupDescriptor(), POLLIN, 0};
+            if (::poll(&entry, 1, -1) == 1) serviceMessages();
         }
-
-    private:
-        Counter& gate_;
-        Counter& rewoken_;
-    };
-
+    }
+    // Ends the default loop through the queue, after every message posted before.
+    void stopAndJoin() {
+        FnMessage message([this] { return stop = true; });
+        postSynchronously(message);
+        join();
+        EXPECT_FALSE(isRunning());
+        EXPECT_EQ(getWakeupDescriptor(), -1);
+    }
+    void startThread() override {
+        if (!holdEntry) return ControlMessageQueueUNIX::startThread();
+        pthread_t thread;
+        ASSERT_EQ(pthread_create(&thread, nullptr, heldEntry, this), 0);
+    }
     static void* heldEntry(void* self) {
-        auto* queue = static_cast<ScriptedQueue*>(self);
+        auto* queue = static_cast<Queue*>(self);
         queue->threadsCreated.bump();
         queue->entryGate.waitFor(1);
         queue->threadBody();
         return nullptr;
     }
-};
-
-// A queue whose servicing thread runs LoopServicer.
-struct RunningQueue : ::testing::Test {
-    RunningQueue() { servicer.queue = &queue; }
+    bool initialiseInThread() override {
+        inStartUp.bump();
+        gate.waitFor(1);
+        if (!ControlMessageQueueUNIX::initialiseInThread()) return false;
+        if (failuresLeft == 0) return true;
+        --failuresLeft;  // as if fcntl had failed after pipe: the pipe is closed again
+        closeWakeup();
+        return false;
+    }
+    void notify() override {
+        notified.bump();
+        ControlMessageQueueUNIX::notify();
+    }
+    // With wakeGate set, a woken synchronous poster lets go of the queue mutex until
+    // wakeGate is bumped, and bumps rewoken once it holds the mutex again.
+    struct SlowWake : messaging::ConditionUNIX {
+        explicit SlowWake(Queue& q) : q(q) {}
+        void wait(messaging::Mutex& mutex) override {
+            ConditionUNIX::wait(mutex);
+            mutex.unlock();
+            q.wakeGate->waitFor(1);
+            mutex.lock();
+            q.rewoken->bump();
+        }
+        Queue& q;
+    };
+    messaging::Condition* createCondition() override {
+        return wakeGate ? new SlowWake(*this) : ControlMessageQueueUNIX::createCondition();
+    }
+    // Starts the thread past its start-up and waits for run().
     void startAndWait() {
-        queue.gate.bump();
-        int runs = servicer.started.count();
-        ASSERT_TRUE(queue.start());
-        ASSERT_TRUE(servicer.started.waitFor(runs + 1));
-        ASSERT_TRUE(queue.isRunning());
+        gate.bump();
+        int runs = started.count();
+        ASSERT_TRUE(start());
+        ASSERT_TRUE(started.waitFor(runs + 1));
+        ASSERT_TRUE(isRunning());
     }
-    void stopAndJoin() {
-        servicer.stop();
-        queue.join();
-        EXPECT_FALSE(queue.isRunning());
-        EXPECT_EQ(queue.getWakeupDescriptor(), -1);
-    }
-    LoopServicer servicer;
-    ScriptedQueue queue{&servicer};
+
+    std::function<void()> body;
+    bool stop = false;  // servicing thread only
+    std::atomic<int> failuresLeft{0};
+    std::atomic<bool> holdEntry{false};
+    Counter *wakeGate = nullptr, *rewoken = nullptr;
+    Counter started, inStartUp, gate, threadsCreated, entryGate, notified;
 };
 
-// Runs post() with its nth allocation failing. Returns whether that allocation was reached,
+// Runs post() with its nth allocation failing; returns whether that allocation was reached,
 // having checked that the post threw std::bad_alloc exactly when it was.
 template <typename Fn>
 bool failingAllocation(unsigned n, Fn&& post) {
@@ -142,8 +166,9 @@ bool failingAllocation(unsigned n, Fn&& post) {
     return triggered;
 }
 
-TEST_F(RunningQueue, MessagesFromSeveralThreadsArePerformedInQueueOrderExactlyOnce) {
-    ASSERT_NO_FATAL_FAILURE(startAndWait());
+TEST(ControlMessageQueue, MessagesFromSeveralThreadsArePerformedInQueueOrderExactlyOnce) {
+    Queue queue;
+    ASSERT_NO_FATAL_FAILURE(queue.startAndWait());
     constexpr int kProducers = 4, kEach = 500;
     std::vector<std::pair<int, int>> performed;  // appended on the servicing thread only
     std::atomic<int> offThread{0};
@@ -160,84 +185,78 @@ TEST_F(RunningQueue, MessagesFromSeveralThreadsArePerformedInQueueOrderExactlyOn
         });
     }
     for (std::thread& t : producers) t.join();
-    stopAndJoin();  // the stop is queued behind everything the producers posted
+    queue.stopAndJoin();  // the stop is queued behind everything the producers posted
     ASSERT_EQ(performed.size(), static_cast<size_t>(kProducers * kEach));
     EXPECT_EQ(offThread, 0);
     std::vector<int> next(kProducers, 0);
     for (const auto& [p, i] : performed) ASSERT_EQ(i, next[p]++) << "producer " << p;
 }
 
-TEST_F(RunningQueue, SynchronousPostingReturnsTheResultOrTheException) {
-    ASSERT_NO_FATAL_FAILURE(startAndWait());
+// The result or the exception comes back; posting synchronously from the servicing thread
+// performs at once instead of waiting for itself.
+TEST(ControlMessageQueue, SynchronousPostingReturnsTheResultOrTheException) {
+    Queue queue;
+    ASSERT_NO_FATAL_FAILURE(queue.startAndWait());
     FnMessage answer([&] { return queue.isServicerThread() ? 42 : -1; });
     EXPECT_EQ(queue.postSynchronously(answer), 42);
     FnMessage failing([]() -> int { throw plat::Exception("refused"); });
     EXPECT_THROW(queue.postSynchronously(failing), plat::Exception);
-    // The loop survived; posting synchronously from the servicing thread performs at once
-    // instead of waiting for itself.
     FnMessage nested([&] {
         FnMessage inner([] { return 5; });
         return queue.postSynchronously(inner) + 1;
     });
     EXPECT_EQ(queue.postSynchronously(nested), 6);
-    stopAndJoin();
+    queue.stopAndJoin();
 }
 
 // Messages left when run() returns are performed on the servicing thread, in order, after
-// the wake-up pipe has gone.
-TEST(ControlMessageQueue, MessagesQueuedWhenRunReturnsArePerformedAfterThePipeCloses) {
-    BodyServicer servicer;
-    ControlMessageQueueUNIX queue(&servicer);
+// the wake-up pipe has gone. Nobody calls join() in the second round: the destructor waits
+// for run(), discards (and frees) what was queued before it came, and what is posted once
+// the queue has stopped is performed at once on the posting thread.
+TEST(ControlMessageQueue, MessagesLeftWhenRunReturnsOrTheQueueIsDestroyed) {
+    Queue queue;
     std::vector<int> seen;  // servicing thread only until join()
-    servicer.body = [&] {
+    queue.body = [&] {
         for (int i = 0; i < 3; ++i) {
             queue.postAsynchronously(new FnMessage([&, i] {
-                bool ok = queue.isServicerThread() && queue.getWakeupDescriptor() == -1;
-                seen.push_back(ok ? i : -1);
+                seen.push_back(queue.isServicerThread() && queue.getWakeupDescriptor() == -1 ? i
+                                                                                             : -1);
                 return 0;
             }));
         }
     };
+    queue.gate.bump();
     ASSERT_TRUE(queue.start());
     queue.join();  // waits for run() and the finish that follows it
     EXPECT_EQ(seen, (std::vector<int>{0, 1, 2}));
-}
 
-// Nobody calls join(): the destructor must wait for a run() that is still going. The message
-// queued before the destructor came is discarded and freed; those posted once the queue has
-// stopped are performed at once on the posting thread.
-TEST(ControlMessageQueue, DestructorDiscardsQueuedMessagesAndWaitsForRun) {
-    BodyServicer servicer;
-    auto queue = std::make_unique<ControlMessageQueueUNIX>(&servicer);
-    ControlMessageQueueUNIX* q = queue.get();  // reset() clears queue before it destroys
-    Counter started, freed;
-    std::vector<int> order;
-    servicer.body = [&] {
+    auto owned = std::make_unique<Queue>();
+    Queue* q = owned.get();  // reset() clears owned before it destroys
+    Counter freed;
+    seen.clear();
+    q->body = [&] {
         auto post = [&](int i) {
-            q->postAsynchronously(new FnMessage(
-                [&, i] {
-                    order.push_back(i);
-                    return 0;
-                },
-                &freed));
+            q->postAsynchronously(new FnMessage([&, i] { return seen.push_back(i), 0; }, &freed));
         };
         post(0);
-        started.bump();
+        q->started.bump();
         while (q->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         post(1);
         post(2);
     };
-    ASSERT_TRUE(queue->start());
-    ASSERT_TRUE(started.waitFor(1));
-    queue.reset();
+    q->gate.bump();
+    ASSERT_TRUE(q->start());
+    ASSERT_TRUE(q->started.waitFor(2));
+    owned.reset();
     EXPECT_EQ(freed.count(), 3);
-    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+    EXPECT_EQ(seen, (std::vector<int>{1, 2}));
 }
 
 // The first thread exists but has not yet taken the queue mutex, so the queue does not
 // look running: only the pending start-up keeps the second start() from creating another
 // thread.
-TEST_F(RunningQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
+TEST(ControlMessageQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
+    Queue queue;
     queue.holdEntry = true;
     queue.gate.bump();
     ASSERT_TRUE(queue.start());
@@ -252,22 +271,22 @@ TEST_F(RunningQueue, SecondStartWaitsForTheFirstThreadsStartUp) {
     EXPECT_FALSE(secondDone);
     queue.entryGate.bump();
     second.join();
-    // It waited for the first thread to be running, saw it, and started no second one.
     EXPECT_FALSE(secondStarted);
     EXPECT_EQ(queue.threadsCreated.count(), 1);
-    ASSERT_TRUE(servicer.started.waitFor(1));
-    stopAndJoin();
-    EXPECT_EQ(servicer.started.count(), 1);
+    ASSERT_TRUE(queue.started.waitFor(1));
+    queue.stopAndJoin();
+    EXPECT_EQ(queue.started.count(), 1);
 }
 
-// While stopped, a post is performed at once on the caller, and freed even when it throws.
-TEST_F(RunningQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
+// While stopped, a post is performed at once on the caller, and freed even when it throws;
+// the failed thread is joined by the next start, which works.
+TEST(ControlMessageQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
+    Queue queue;
     queue.failuresLeft = 1;
     queue.gate.bump();
     ASSERT_TRUE(queue.start());
     ASSERT_TRUE(queue.inStartUp.waitFor(1));
-    // isRunning() needs the queue mutex, which the start-up holds until it is over.
-    EXPECT_FALSE(queue.isRunning());
+    EXPECT_FALSE(queue.isRunning());  // it waits for the start-up, which holds the mutex
     std::atomic<int> performed{0};
     Counter freed;
     queue.postAsynchronously(new FnMessage([&] { return ++performed; }, &freed));
@@ -277,10 +296,10 @@ TEST_F(RunningQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
                      new FnMessage([]() -> int { throw plat::Exception("boom"); }, &freed)),
                  plat::Exception);
     EXPECT_EQ(freed.count(), 2);
-    EXPECT_EQ(servicer.started.count(), 0);    // run() was never called
-    for (int round = 0; round < 2; ++round) {  // joins the failed thread, then restarts
-        ASSERT_NO_FATAL_FAILURE(startAndWait());
-        stopAndJoin();
+    EXPECT_EQ(queue.started.count(), 0);  // run() was never called
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_NO_FATAL_FAILURE(queue.startAndWait());
+        queue.stopAndJoin();
     }
     EXPECT_EQ(queue.inStartUp.count(), 3);
 }
@@ -288,29 +307,22 @@ TEST_F(RunningQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks) {
 // The destructor discards the waiting poster's entry, which wakes the poster with 0; the
 // poster still needs the queue mutex to return, so the queue must not go before it has.
 TEST(ControlMessageQueue, DestroyingTheQueueLetsAWaitingSynchronousPosterLeaveFirst) {
-    BodyServicer servicer;
-    Counter wakeGate, rewoken, started;
-    auto queue = std::make_unique<ScriptedQueue>(&servicer);
-    ScriptedQueue* q = queue.get();  // reset() clears queue before it destroys
-    servicer.body = [&] {
-        started.bump();
+    auto queue = std::make_unique<Queue>();
+    Queue* q = queue.get();
+    q->body = [q] {
         while (q->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     };
-    queue->gate.bump();
-    queue->wakeGate = &wakeGate;
-    queue->rewoken = &rewoken;
-    ASSERT_TRUE(queue->start());
-    ASSERT_TRUE(started.waitFor(1));
+    Counter wakeGate, rewoken;
+    q->wakeGate = &wakeGate;
+    q->rewoken = &rewoken;
+    ASSERT_NO_FATAL_FAILURE(q->startAndWait());
     std::atomic<bool> performed{false};
     int result = -1;
     std::thread poster([&] {
-        FnMessage message([&] {
-            performed = true;
-            return 7;
-        });
-        result = queue->postSynchronously(message);
+        FnMessage message([&] { return performed = true, 7; });
+        result = q->postSynchronously(message);
     });
-    ASSERT_TRUE(queue->notified.waitFor(1));
+    ASSERT_TRUE(q->notified.waitFor(1));
     std::thread opener([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         wakeGate.bump();
@@ -326,8 +338,10 @@ TEST(ControlMessageQueue, DestroyingTheQueueLetsAWaitingSynchronousPosterLeaveFi
 // Every allocation of every post fails once in turn, while the loop is held so that the
 // queue itself has to grow: each failure throws std::bad_alloc at once with the message
 // freed and nothing queued, and every post that went through is performed once, in order.
-TEST_F(RunningQueue, AllocationFailureInAnAsynchronousPostFreesTheMessage) {
-    ASSERT_NO_FATAL_FAILURE(startAndWait());
+// A synchronous post whose allocations fail never runs its action.
+TEST(ControlMessageQueue, AllocationFailureInAPostFreesTheMessageAndQueuesNothing) {
+    Queue queue;
+    ASSERT_NO_FATAL_FAILURE(queue.startAndWait());
     Counter entered, released, freed;
     queue.postAsynchronously(new FnMessage([&] {
         entered.bump();
@@ -340,11 +354,8 @@ TEST_F(RunningQueue, AllocationFailureInAnAsynchronousPostFreesTheMessage) {
     for (int k = 0; k < kPosts; ++k) {
         expected.push_back(k);
         for (unsigned n = 1;; ++n) {
-            auto record = [&performed, k] {
-                performed.push_back(k);
-                return 0;
-            };
-            auto* message = new FnMessage(record, &freed);
+            auto* message =
+                new FnMessage([&performed, k] { return performed.push_back(k), 0; }, &freed);
             int freedBefore = freed.count();
             if (!failingAllocation(n, [&] { queue.postAsynchronously(message); })) break;
             EXPECT_EQ(freed.count(), freedBefore + 1) << "post " << k << ", allocation " << n;
@@ -353,28 +364,115 @@ TEST_F(RunningQueue, AllocationFailureInAnAsynchronousPostFreesTheMessage) {
         }
     }
     released.bump();
-    servicer.stop();
-    queue.join();
+    int runs = 0, result = -1;
+    FnMessage sync([&] { return ++runs; });
+    unsigned n = 1;
+    for (; failingAllocation(n, [&] { result = queue.postSynchronously(sync); }); ++n) {
+        EXPECT_EQ(runs, 0) << n;
+        ASSERT_LT(n, 20u);
+    }
+    EXPECT_GE(n, 2u);
+    EXPECT_EQ(result, 1);
+    queue.stopAndJoin();
     EXPECT_EQ(performed, expected);
     EXPECT_EQ(freed.count(), kPosts + failures);
     EXPECT_GE(queueGrowthFailures, 1);
 }
 
-// A synchronous post whose allocations fail throws before anything is queued, so the
-// action never runs; once they succeed it runs exactly once.
-TEST_F(RunningQueue, AllocationFailureInASynchronousPostIsThrownWithNothingPerformed) {
-    ASSERT_NO_FATAL_FAILURE(startAndWait());
-    int performed = 0, result = -1;
-    FnMessage message([&] { return ++performed; });
-    unsigned n = 1;
-    for (; failingAllocation(n, [&] { result = queue.postSynchronously(message); }); ++n) {
-        EXPECT_EQ(performed, 0) << n;
-        ASSERT_LT(n, 20u);
+// How the servicing thread takes its queue: the messages it queues for itself, and those
+// posted while a loop that announces its waits is busy, carry no wake-up byte, so the loop
+// must hear of them another way; and the bytes of a whole batch are read at once, so a
+// batch that an action's exception cuts short must give back the bytes of the messages
+// left behind, or a loop that waits on the descriptor never comes back for them.
+struct Batch : ::testing::Test {
+    Queue queue;
+    Seen seen;  // servicing thread only until join()
+
+    // Notes what happened with the wake-up bytes then in the pipe.
+    void note(const std::string& what) {
+        int bytes = -1;
+        ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytes);
+        seen.push_back(what + ": " + std::to_string(bytes));
     }
-    EXPECT_GE(n, 2u);
-    EXPECT_EQ(result, 1);
-    stopAndJoin();
-    EXPECT_EQ(performed, 1);
+    FnMessage* noting(const std::string& what) {
+        return new FnMessage([this, what] { return seen.push_back(what), 0; });
+    }
+    // Runs body as the servicing thread once post() has run on this one, then joins.
+    void run(const std::function<void()>& body, const std::function<void()>& post) {
+        Counter posted;
+        queue.body = [&] { posted.waitFor(1), body(); };
+        ASSERT_NO_FATAL_FAILURE(queue.startAndWait());
+        post();
+        posted.bump();
+        queue.join();
+    }
+};
+
+TEST_F(Batch, OwnPostsAreFlaggedInsteadOfSignalledAndKeepTheirPlace) {
+    run(
+        [&] {
+            queue.postFromServicer(noting("own"));
+            note(queue.hasUnsignalledMessages() ? "flagged" : "not flagged");
+            queue.serviceMessages();
+            note(queue.hasUnsignalledMessages() ? "flagged" : "not flagged");
+        },
+        [&] { queue.postAsynchronously(noting("posted")); });
+    EXPECT_EQ(seen, (Seen{"flagged: 1", "posted", "own", "not flagged: 0"}));
+}
+
+// The action's exception reaches the loop that called serviceMessages(), its entry freed
+// with it; the entries behind it wait, bytes and all, for the next call.
+TEST_F(Batch, MessagesLeftBehindByAThrowingActionGetTheirBytesBack) {
+    Counter freed;
+    run(
+        [&] {
+            note("before");
+            try {
+                queue.serviceMessages();
+            } catch (const plat::Exception& e) {
+                note(std::string(e.str()) + ", freed " + std::to_string(freed.count()));
+            }
+            queue.serviceMessages();
+            note("after");
+        },
+        [&] {
+            queue.postAsynchronously(
+                new FnMessage([]() -> int { throw plat::Exception("failed"); }, &freed));
+            queue.postAsynchronously(noting("a"));
+            queue.postAsynchronously(noting("b"));
+        });
+    EXPECT_EQ(seen, (Seen{"before: 3", "failed, freed 1: 2", "a", "b", "after: 0"}));
+}
+
+// A loop that announces its waits hears of every post: those made while it is busy by
+// finding the queue not empty when it is about to block, those made while it blocks by
+// their byte. A post during the wait that wrote nothing would leave the loop asleep.
+TEST_F(Batch, PostsToALoopThatAnnouncesItsWaitsSignalOnlyWhileItWaits) {
+    queue.announceWaits();
+    Counter waiting, postedWaiting;
+    auto wait = [&] { note(queue.beginWait() ? "may block" : "must not block"); };
+    std::thread whileWaiting([&] {
+        waiting.waitFor(1);
+        queue.postAsynchronously(noting("waiting"));
+        postedWaiting.bump();
+    });
+    run(
+        [&] {
+            wait();
+            queue.endWait();
+            queue.serviceMessages();
+            wait();
+            waiting.bump();
+            postedWaiting.waitFor(1);
+            note("woken");
+            queue.endWait();
+            queue.serviceMessages();
+            note("done");
+        },
+        [&] { queue.postAsynchronously(noting("busy")); });
+    whileWaiting.join();
+    EXPECT_EQ(seen, (Seen{"must not block: 0", "busy", "may block: 0", "woken: 1", "waiting",
+                          "done: 0"}));
 }
 
 }  // namespace
