@@ -6,30 +6,14 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <cstdarg>
 #include <cstring>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "mirrorlink/TcpConnector.h"
 #include "mirrorlink/TcpSocket.h"
-#include "plat/DString.h"
-#include "plat/Logger.h"
+#include "plat/RecordingLogger.h"
 
 namespace mltest {
-
-using LogLine = std::pair<int, std::string>;  // level, text
-
-class RecordingLogger : public plat::Logger {
-public:
-    std::vector<LogLine> lines;
-    void log(int level, const char*, const char* format, va_list args) override {
-        plat::DString text;
-        text.formatV(format, args);
-        lines.emplace_back(level, text.c_str());
-    }
-};
 
 // "<strerror> (<err>)", the tail of every system error text.
 inline std::string errText(int err) {
@@ -42,10 +26,6 @@ inline bool waitFor(const mirrorlink::TcpSocket& socket, short events, int timeo
     return ::poll(&entry, 1, timeoutMs) == 1;
 }
 
-inline bool nonBlocking(const mirrorlink::TcpSocket& socket) {
-    return (::fcntl(socket.fd(), F_GETFL) & O_NONBLOCK) != 0;
-}
-
 inline int localPort(const mirrorlink::TcpSocket& socket) {
     sockaddr_in address{};
     socklen_t length = sizeof address;
@@ -55,7 +35,7 @@ inline int localPort(const mirrorlink::TcpSocket& socket) {
 
 // A server listening on an ephemeral loopback port, and a client to connect to it.
 struct Loopback {
-    RecordingLogger logger;
+    zeltest::RecordingLogger logger;
     plat::LoggerRef log{"CDBSession", &logger};
     mirrorlink::TcpSocket server, client;
     std::string url;  // the server's
@@ -70,8 +50,14 @@ struct Loopback {
         mirrorlink::TcpConnector clientSide(client, log);
         clientSide.startConnect(url.c_str());
         return waitFor(server, POLLIN) && mirrorlink::TcpConnector(server, log).acceptPeer() &&
-               waitFor(client, POLLOUT) && clientSide.completeConnect() && nonBlocking(client) &&
-               nonBlocking(server);
+               waitFor(client, POLLOUT) && clientSide.completeConnect() && !client.blocking() &&
+               !server.blocking() && (::fcntl(client.fd(), F_GETFL) & O_NONBLOCK) &&
+               (::fcntl(server.fd(), F_GETFL) & O_NONBLOCK);
+    }
+    std::string logged() {
+        std::string text;
+        for (const auto& l : logger.lines) text += std::to_string(l.level) + " " + l.text + "\n";
+        return text;
     }
 };
 
