@@ -301,6 +301,7 @@ struct TraceHandler : CDBService::Handler {
         calls.push_back(fmt("payload 0x%04x ", serviceId()) + hex(data, n));
     }
     void sessionEnded() override { calls.push_back(fmt("ended 0x%04x", serviceId())); }
+    ~TraceHandler() override { calls.push_back(fmt("freed 0x%04x", serviceId())); }
     Lines& calls;
     std::function<void()> onStart;
 };
