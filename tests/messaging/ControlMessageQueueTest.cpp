@@ -476,3 +476,27 @@ TEST_F(Batch, PostsToALoopThatAnnouncesItsWaitsSignalOnlyWhileItWaits) {
 }
 
 }  // namespace
+
+namespace {
+
+// A scope that let go of its lock must not let go of it again: a second unlock would
+// release the lock another thread has taken since.
+TEST(MutexLock, ReleasesOnlyWhatItHolds) {
+    struct Counting : messaging::Mutex {
+        std::string calls;
+        void lock() override { calls += "L"; }
+        void unlock() override { calls += "U"; }
+    } mutex;
+    {
+        messaging::MutexLock lock(mutex);
+        lock.unlock();
+    }
+    {
+        messaging::MutexLock lock(mutex);
+        lock.unlock();
+        lock.lock();
+    }
+    EXPECT_EQ(mutex.calls, "LULULU");
+}
+
+}  // namespace
