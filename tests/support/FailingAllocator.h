@@ -12,10 +12,9 @@
 //         EXPECT_EQ(result, ZELCDBErrorOutOfMemory);
 //     }
 //
-// The replacement operators must exist once per test program: exactly one .cpp of the
-// program defines ZEL_FAILING_ALLOCATOR_DEFINE before including this header. Counting is
-// per thread (the arming thread only), so gtest's own bookkeeping elsewhere is unaffected;
-// aligned allocations are not counted.
+// The replacement operators (FailingAllocator.cpp) come with the test support library into
+// every test program. Counting is per thread (the arming thread only), so gtest's own
+// bookkeeping elsewhere is unaffected; aligned allocations are not counted.
 
 #include <cstddef>
 #include <cstdlib>
@@ -54,50 +53,3 @@ public:
 };
 
 }  // namespace zeltest
-
-#ifdef ZEL_FAILING_ALLOCATOR_DEFINE
-
-namespace zeltest::detail {
-inline void* allocateOrNull(std::size_t size) {
-    if (allocationShouldFail()) return nullptr;
-    return std::malloc(size == 0 ? 1 : size);
-}
-inline void* allocateOrThrow(std::size_t size) {
-    void* p = allocateOrNull(size);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-}  // namespace zeltest::detail
-
-void* operator new(std::size_t size) {
-    return zeltest::detail::allocateOrThrow(size);
-}
-void* operator new[](std::size_t size) {
-    return zeltest::detail::allocateOrThrow(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return zeltest::detail::allocateOrNull(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return zeltest::detail::allocateOrNull(size);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-    std::free(p);
-}
-
-#endif  // ZEL_FAILING_ALLOCATOR_DEFINE
