@@ -19,7 +19,8 @@
 //   the session: status <code> (to a sink) | start | stop (to a source) | end | nosession
 // The trace: sent packets, "ServiceResponse <code>", "StopService", the callbacks ("get b1 5",
 // "data@g b1 5 +8"; a "?" marks one made outside the host's callback bracket) and
-// "! <text>" for each warning or error logged.
+// "! <text>" for each warning or error logged; "<ms>: " before an item a timer caused, the
+// time since the first step.
 
 #include <algorithm>
 #include <cstdarg>
@@ -172,8 +173,11 @@ private:
         const Bytes payload = pattern(size);
         const uint8_t* data = payload.data();
         if (verb[0] == '+') {
+            elapsedMs_ += std::atoi(verb.c_str() + 1);
             clock.advanceMs(std::atoi(verb.c_str() + 1));
+            timersFiring_ = true;
             timers_.processTimers();
+            timersFiring_ = false;
         } else if (verb == "raw") {
             Bytes bytes = zeltest::parseHex(text.substr(4));
             unit_->servicePayload(bytes.data(), bytes.size());
@@ -213,7 +217,7 @@ private:
     }
 
     void note(const std::string& item) {
-        if (tracing) trace_.push_back(item);
+        if (tracing) trace_.push_back(timersFiring_ ? format("%d: ", elapsedMs_) + item : item);
     }
     // One callback's item: "<word>[@<context>] <numbers in hex> [+n]<tail>".
     static SBPScript& call(void* self, const char* word, void* context,
@@ -305,6 +309,8 @@ private:
     std::vector<std::string> trace_;
     std::deque<std::string> labels_;
     int depth_ = 0;
+    int elapsedMs_ = 0;
+    bool timersFiring_ = false;
     bool session_ = true;
     // How the source's application answers.
     ZELCDBError answer_ = ZELCDBErrorLocalSBPError;
