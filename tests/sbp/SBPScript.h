@@ -135,9 +135,10 @@ public:
     }
     void stopPeerService(uint16_t) override { note("StopService"); }
     void log(int level, const char*, const char* text, va_list args) override {
+        if (level > plat::kLogWarning) return;
         plat::DString line;
         line.formatV(text, args);
-        if (level <= plat::kLogWarning) note(std::string("! ") + line.c_str());
+        note(std::string("! ") + line.c_str());
     }
 
 private:

@@ -117,6 +117,8 @@ const Row kSourceRows[] = {
      "subscribe 5 0 3e8 | ! Warning: invalid interval requested | Response #1 5 10000003"},
     {"on change, interval 1: no ticks", "Subscribe #1 5 1000001; +5",
      "subscribe 5 1 1 | Response #1 5"},
+    {"the longest interval is allowed", "Subscribe #1 5 1ffffff",
+     "subscribe 5 1 ffffff | Response #1 5"},
     {"type 2 the application leaves open", "Subscribe #1 5 2000064",
      "subscribe 5 2 64 | ! Warning: application failed to indicate subscription type | "
      "Response #1 5 10000004"},
@@ -164,6 +166,10 @@ const Row kSourceRows[] = {
     {"the link's end stops the service silently and drops its requests",
      "answer later; Get #1 5; Subscribe #2 6 3e8; end; +10000; end; Get #3 5",
      "get b1 5 | subscribe 6 0 3e8 | stopped | ServiceResponse 102"},
+    {"the link's end also drops what a stopped service still held",
+     "answer later; Get #1 5; raw B5 00; end; start; Get #2 5",
+     "get b1 5 | ! Warning: bad SBP packet in sink | terminated | ServiceResponse 203 | "
+     "started | ServiceResponse 1 | get b1 5"},
     {"without a session nothing is sent, and each attempt is logged",
      "nosession; AliveRequest #1 0; stop; start; Get #2 5",
      "! Error building alive response: 7 | "
