@@ -271,6 +271,8 @@ TEST(EndpointSoak, CyclesLeaveNoThreadOrDescriptorBehind) {
 
 // Application threads call every entry while another thread keeps starting and stopping
 // both endpoints. Each call must return one of its documented codes; TSan watches the rest.
+// The callers make a fixed number of calls: on a loaded machine they would starve the
+// starter, and a soak bounded by its cycles would take minutes.
 TEST(EndpointSoak, CallsFromEightThreadsWhileAnotherStartsAndStops) {
     Pair pair;
     App& server = pair.server;
@@ -281,20 +283,19 @@ TEST(EndpointSoak, CallsFromEightThreadsWhileAnotherStartsAndStops) {
     const ZELCDBError kNotRunning = ZELCDBErrorIllegalWhileNotRunning;
     const ZELCDBError kRunning = ZELCDBErrorIllegalWhileRunning;
 
-    std::atomic<bool> finished{false};
+    std::atomic<int> working{8};
     std::atomic<int> unexpected{0};
     auto check = [&](ZELCDBError r, std::initializer_list<ZELCDBError> allowed, const char* what) {
         if (!oneOf(r, allowed) && unexpected++ < 10) ADD_FAILURE() << what << " returned " << r;
     };
     std::thread starter([&] {
-        for (int cycle = 0; cycle < 40 / kSlowdown + 4; ++cycle) {
+        for (int cycle = 0; cycle < 2 || working > 0; ++cycle) {
             check(server.start(), {kNone, kRunning}, "server start");
             check(client.start(), {kNone, kRunning}, "client start");
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
             check(client.stop(), {kNone, kNotRunning}, "client stop");
             check(server.stop(), {kNone, kNotRunning}, "server stop");
         }
-        finished = true;
     });
     std::vector<std::thread> workers;
     for (int w = 0; w < 8; ++w) {
@@ -336,7 +337,8 @@ TEST(EndpointSoak, CallsFromEightThreadsWhileAnotherStartsAndStops) {
                           "start or stop");
                 },
             };
-            for (int i = 0; !finished; ++i) calls[(i + w) % 9](i);
+            for (int i = 0; i < 2000 / kSlowdown; ++i) calls[(i + w) % 9](i);
+            --working;
         });
     }
     starter.join();
