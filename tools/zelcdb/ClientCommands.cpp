@@ -151,6 +151,18 @@ Json parseValue(const std::string& text) {
     throw Failure(kExitUsage, "the value '" + text + "' is not JSON");
 }
 
+// Ctrl-C ends a command that runs until then; one that was asked for a number of things
+// and had not got them all was interrupted.
+int interrupted(int wanted, int received, const char* what) {
+    if (wanted == 0) {
+        console::note("interrupted");
+        return kExitOk;
+    }
+    console::message("interrupted after " + std::to_string(received) + " of " +
+                     std::to_string(wanted) + " " + what);
+    return kExitInterrupted;
+}
+
 }  // namespace
 
 int runServices(const ConnectOptions& connect, bool json) {
@@ -281,9 +293,11 @@ int runSubscribe(const ServiceArgs& args, const ElementArgs& elementArgs,
         "subscribed to " + target.label +
         (periodic ? ", every " + std::to_string(subscribe.periodicMs) + " ms" : ", on change"));
 
+    int code = kExitOk;
+    int received = 0;
     try {
-        for (int received = 0; subscribe.count == 0 || received < subscribe.count;) {
-            Event event = session.nextUntil(std::nullopt, "update");
+        while (subscribe.count == 0 || received < subscribe.count) {
+            Event event = session.nextUntil(session.openDeadline(), "update");
             if (event.uid != target.uid) continue;
             if (event.kind == EventKind::SbpError && event.command == kCommandSubscribe) {
                 requestFailed(event, request, target);
@@ -293,7 +307,8 @@ int runSubscribe(const ServiceArgs& args, const ElementArgs& elementArgs,
             ++received;
         }
     } catch (const Interrupted&) {
-        console::note("interrupted: cancelling the subscription");
+        code = interrupted(subscribe.count, received, "updates");
+        console::note("cancelling the subscription");
     }
 
     std::string cancel = "Cancel of the subscription to " + target.label;
@@ -306,7 +321,7 @@ int runSubscribe(const ServiceArgs& args, const ElementArgs& elementArgs,
         console::message(e.what());
     }
     session.stop();
-    return kExitOk;
+    return code;
 }
 
 int runAlive(const ServiceArgs& args, int count, double intervalSeconds) {
@@ -364,18 +379,20 @@ int runListen(const ServiceArgs& args, int count) {
     session.connect();
     PeerService service = session.find(args.service);
     session.startPlain(service);
+    int code = kExitOk;
+    int received = 0;
     try {
-        for (int received = 0; count == 0 || received < count;) {
-            Event event = session.nextUntil(std::nullopt, "payload");
+        while (count == 0 || received < count) {
+            Event event = session.nextUntil(session.openDeadline(), "payload");
             if (event.kind != EventKind::Payload) continue;
             console::line(toHex(event.data.data(), event.data.size()));
             ++received;
         }
     } catch (const Interrupted&) {
-        console::note("interrupted");
+        code = interrupted(count, received, "payloads");
     }
     session.stop();
-    return kExitOk;
+    return code;
 }
 
 }  // namespace zelcdb
