@@ -272,7 +272,9 @@ typedef ZELCDBError ZELCDBEndpointAddSinkFn(ZELCDBEndpoint *endpoint, void *sink
                                             uint32_t callbacksSize);
 /* Starts the endpoint thread and returns once it has initialised; Failed, with one log
  * line, when it could not. IllegalWhileRunning while the endpoint runs (see Threads above
- * for a thread that is ending by itself). */
+ * for a thread that is ending by itself). A server endpoint serves one peer at a time: it
+ * stops listening when a peer connects, so others are refused or reset until that
+ * connection ends and the endpoint is started again. */
 typedef ZELCDBError ZELCDBEndpointStartFn(ZELCDBEndpoint *endpoint);
 /* Ends the connection and waits for the endpoint thread to end. A connected peer gets a
  * ByeBye and up to five seconds to answer it. IllegalWhileNotRunning when not running. */

@@ -274,7 +274,8 @@ class AgainstServe(unittest.TestCase):
         self.server.wait_for(r"Set of vehicleSpeed refused: expects an int, got a double", 5)
 
     def test_11_clients_that_come_together_take_turns(self):
-        clients = [Background("services", self.url, "--json") for _ in range(4)]
+        clients = [Background("services", self.url, "--json", "--timeout", 20000)
+                   for _ in range(4)]
         for client in clients:
             code, out, err = client.finish(20 * ARGS.slow)
             self.assertEqual((code, out), (0, self.listed), err)
@@ -340,7 +341,8 @@ class BadInputAlone(unittest.TestCase):
                     start = time.monotonic()
                     code, out, err = zelcdb(*args, "--timeout", 300, timeout=10 * ARGS.slow)
                     self.assertEqual(code, TIMEOUT, err)
-                    self.assertRegex(err.strip(), rf"^zelcdb: time-out: {message} \S+ within 300 ms$")
+                    self.assertRegex(err.strip(),
+                                     rf"^zelcdb: time-out: {message} \S+ within 300 ms$")
                     self.assertLess(time.monotonic() - start, 4 * ARGS.slow)
 
     def test_serve_on_a_port_in_use(self):

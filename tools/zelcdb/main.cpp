@@ -74,7 +74,9 @@ std::string unknownOption(const CLI::App& app, const CLI::App* command, int argc
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         if (arg == "--") break;
-        if (arg.size() < 2 || arg[0] != '-' || std::isdigit(static_cast<unsigned char>(arg[1]))) {
+        // Values such as -5 or -.5 are not options.
+        if (arg.size() < 2 || arg[0] != '-' ||
+            !(arg[1] == '-' || std::isalpha(static_cast<unsigned char>(arg[1])))) {
             afterCommand = afterCommand || (command && arg == command->get_name());
             continue;
         }
