@@ -298,6 +298,7 @@ void Session::connect() {
         if (event->kind == EventKind::EndpointStatus) {
             // Refused or reset (poll() lets only those through): the server is busy with
             // another peer, or not up yet.
+            running_ = false;
             // The pauses double, and shrink again as the deadline nears.
             auto left =
                 std::chrono::duration_cast<std::chrono::milliseconds>(*until - Clock::now());
