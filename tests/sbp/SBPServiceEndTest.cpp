@@ -1,6 +1,6 @@
-// How an SBP service ends and what a sink or source does outside a started service: a sink
-// starts inactive, a malformed packet ends a source the way a StopService does, and a
-// packet too long for the CDB writer fails its own request, never the link.
+// How an SBP service ends, and what a sink or source does outside a started one: a new sink
+// is inactive, a malformed packet ends a source as a StopService does, and a packet too long
+// for the CDB writer fails its own request, never the link.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -13,7 +13,6 @@
 #include "plat/ManualClock.h"
 #include "plat/RecordingLogger.h"
 #include "plat/TimerManager.h"
-#include "rdr/MemOutStream.h"
 #include "sbp/SBPPacket.h"
 #include "sbp/ZELSBPSink.h"
 #include "sbp/ZELSBPSource.h"
@@ -22,17 +21,21 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
-
 constexpr uint16_t kServiceId = 0x4001;
 constexpr uint32_t kUid = 0x0A0B0C0D;
 
-// Writes what it is given with a real CDB writer, so that its limits apply; records each
-// packet as "command value" in hex and each CDB answer as "response code".
+Lines heard;  // packets sent ("command value" in hex), CDB answers, application callbacks
+
+std::string hex2(uint32_t a, uint32_t b) {
+    char line[32];
+    std::snprintf(line, sizeof line, "%x %x", a, b);
+    return line;
+}
+
+// Hands what it is given to a real CDB writer, so that the writer's limits apply.
 struct Host : zelcdbsdk::CDBEndpointHost {
-    Lines sent;
     rdr::MemOutStream out;
     zelcdbsdk::CDBWriter writer{out, nullptr};
-
     ZELCDBEndpoint* endpointHandle() override { return nullptr; }
     void* endpointContext() override { return nullptr; }
     void enterCallback() override {}
@@ -42,12 +45,10 @@ struct Host : zelcdbsdk::CDBEndpointHost {
         writer.sendServicePayload(id, 0, data, length);
         zelcdbsdk::SBPPacket p;
         ASSERT_EQ(zelcdbsdk::readSBPPacket(data, length, {"test", nullptr}, &p), 0);
-        char line[32];
-        std::snprintf(line, sizeof line, "%x %x", p.command, p.commandValue);
-        sent.push_back(line);
+        heard.push_back(hex2(p.command, p.commandValue));
     }
     void sendServiceResponse(uint16_t, uint16_t code) override {
-        sent.push_back("response " + std::to_string(code));
+        heard.push_back("response " + std::to_string(code));
     }
 };
 
@@ -57,11 +58,44 @@ Bytes packet(uint8_t command, uint32_t commandValue, uint16_t packetId = 1) {
     return Bytes(out.data(), out.data() + out.length());
 }
 
-Lines calls;  // the applications' callbacks, in order
-
 class SBPServiceEndTest : public ::testing::Test {
 protected:
-    SBPServiceEndTest() : useClock_(&clock_), useLogger_(&logger_) { calls.clear(); }
+    SBPServiceEndTest() : useClock_(&clock_), useLogger_(&logger_) {
+        heard.clear();
+        sinkCallbacks_.errorCallback = [](ZELCDBEndpoint*, uint16_t, void*, void*, uint32_t cmd,
+                                          uint32_t, ZELCDBError e,
+                                          uint32_t) { heard.push_back("error " + hex2(cmd, e)); };
+        ZELSBPSourceCallbacks& c = sourceCallbacks_;
+        c.serviceStopCallback = [](ZELCDBEndpoint*, void*, uint16_t, void*) {
+            heard.push_back("stop");
+            return 0;
+        };
+        c.serviceTerminatedCallback = [](ZELCDBEndpoint*, uint16_t, void*) {
+            heard.push_back("terminated");
+        };
+        // A Get is answered later; a periodic tick and a Subscribe at once, with success.
+        c.getCallback = [](ZELCDBEndpoint*, uint16_t, void*, uint32_t cmd, uint32_t,
+                           uint32_t* result) -> ZELCDBError {
+            heard.push_back("get " + hex2(cmd, 0));
+            *result = 0;
+            return cmd == zelcdbsdk::kSBPGet ? ZELCDBErrorNone : ZELCDBErrorLocalSBPError;
+        };
+        c.subscribeCallback = [](ZELCDBEndpoint*, uint16_t, void*, uint32_t, uint32_t*, uint32_t*,
+                                 uint32_t* result) -> ZELCDBError {
+            *result = 0;
+            return ZELCDBErrorLocalSBPError;
+        };
+    }
+    ZELSBPSource* newStartedSource() {
+        auto* source =
+            new ZELSBPSource(&host_, nullptr, &sourceCallbacks_, sizeof sourceCallbacks_);
+        source->setServiceId(kServiceId);
+        source->startService({1, 0});
+        return source;
+    }
+    void deliver(zelcdbsdk::CDBService::Handler& to, const Bytes& bytes) {
+        to.servicePayload(bytes.data(), bytes.size());
+    }
     void advance(int ms) {
         clock_.advanceMs(ms);
         timers_.processTimers();
@@ -72,44 +106,23 @@ protected:
     plat::ScopedCurrentLogger useLogger_;
     plat::TimerManager timers_;
     Host host_;
+    ZELSBPSinkCallbacks sinkCallbacks_{};
+    ZELSBPSourceCallbacks sourceCallbacks_{};
 };
 
 TEST_F(SBPServiceEndTest, NewSinkRefusesPayloadsUntilItsServiceStarts) {
-    ZELSBPSinkCallbacks callbacks{};
-    callbacks.errorCallback = [](ZELCDBEndpoint*, uint16_t, void*, void*, uint32_t, uint32_t,
-                                 ZELCDBError, uint32_t) { calls.push_back("error"); };
-    ZELSBPSink* sink = new ZELSBPSink(&host_, kServiceId, nullptr, &callbacks, sizeof callbacks);
+    auto* sink =
+        new ZELSBPSink(&host_, kServiceId, nullptr, &sinkCallbacks_, sizeof sinkCallbacks_);
     Bytes answer = packet(zelcdbsdk::kSBPResponse, 5);
-    sink->servicePayload(answer.data(), answer.size());
-    EXPECT_EQ(host_.sent, (Lines{"response 258"}));
+    deliver(*sink, answer);
     sink->serviceResponse(1);
     sink->sendGet(nullptr, kUid);
-    sink->servicePayload(answer.data(), answer.size());
-    EXPECT_EQ(host_.sent, (Lines{"response 258", "b1 0"}));
-    EXPECT_EQ(calls, (Lines{"error"}));  // the Get's remote error: the payload was read
+    deliver(*sink, answer);  // now read: the Get's remote error
+    EXPECT_EQ(heard, (Lines{"response 258", "b1 0", "error b1 e"}));
     sink->release();
 }
 
 TEST_F(SBPServiceEndTest, EveryEndOfAServiceDropsItsRequestsAndTimers) {
-    ZELSBPSourceCallbacks callbacks{};
-    callbacks.serviceStopCallback = [](ZELCDBEndpoint*, void*, uint16_t, void*) {
-        calls.push_back("stop");
-        return 0;
-    };
-    callbacks.serviceTerminatedCallback = [](ZELCDBEndpoint*, uint16_t, void*) {
-        calls.push_back("terminated");
-    };
-    callbacks.getCallback = [](ZELCDBEndpoint*, uint16_t, void*, uint32_t cmd, uint32_t,
-                               uint32_t* result) -> ZELCDBError {
-        calls.push_back("get " + std::to_string(cmd));
-        *result = 0;
-        return cmd == zelcdbsdk::kSBPGet ? ZELCDBErrorNone : ZELCDBErrorLocalSBPError;
-    };
-    callbacks.subscribeCallback = [](ZELCDBEndpoint*, uint16_t, void*, uint32_t, uint32_t*,
-                                     uint32_t*, uint32_t* result) -> ZELCDBError {
-        *result = 0;
-        return ZELCDBErrorLocalSBPError;
-    };
     const struct {
         const char* how;
         std::function<void(ZELSBPSource&)> end;
@@ -126,48 +139,28 @@ TEST_F(SBPServiceEndTest, EveryEndOfAServiceDropsItsRequestsAndTimers) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.how);
-        ZELSBPSource* source = new ZELSBPSource(&host_, nullptr, &callbacks, sizeof callbacks);
-        source->setServiceId(kServiceId);
-        source->startService({1, 0});
-        Bytes subscribe = packet(zelcdbsdk::kSBPSubscribe, 100, 1);  // periodic, every 100 ms
-        Bytes get = packet(zelcdbsdk::kSBPGet, 0, 2);                // answered later
-        source->servicePayload(subscribe.data(), subscribe.size());
-        source->servicePayload(get.data(), get.size());
+        ZELSBPSource* source = newStartedSource();
+        deliver(*source, packet(zelcdbsdk::kSBPSubscribe, 100, 1));  // periodic, every 100 ms
+        deliver(*source, packet(zelcdbsdk::kSBPGet, 0, 2));          // answered later
         advance(100);
         ASSERT_EQ(source->requests().size(), 2u);
-        host_.sent.clear();
-        calls.clear();
+        heard.clear();
         c.end(*source);
         EXPECT_TRUE(source->requests().empty());
-        advance(10000);  // no tick, no interim answer, no application call
-        calls.insert(calls.end(), host_.sent.begin(), host_.sent.end());
-        EXPECT_EQ(calls, c.heard);
-        host_.sent.clear();
+        advance(10000);  // no tick, no interim answer
+        EXPECT_EQ(heard, c.heard);
         source->release();
     }
 }
 
 TEST_F(SBPServiceEndTest, PacketTooLongForTheWriterFailsOnlyItsRequest) {
     Bytes huge(70000, 1);
-    ZELSBPSinkCallbacks sinkCallbacks{};
-    sinkCallbacks.errorCallback = [](ZELCDBEndpoint*, uint16_t, void*, void*, uint32_t cmd,
-                                     uint32_t, ZELCDBError e, uint32_t) {
-        calls.push_back("error " + std::to_string(cmd) + " " + std::to_string(e));
-    };
-    ZELSBPSink* sink =
-        new ZELSBPSink(&host_, kServiceId, nullptr, &sinkCallbacks, sizeof sinkCallbacks);
+    auto* sink =
+        new ZELSBPSink(&host_, kServiceId, nullptr, &sinkCallbacks_, sizeof sinkCallbacks_);
     sink->serviceResponse(1);
     sink->sendSet(nullptr, kUid, huge.data(), huge.size());
-    EXPECT_EQ(calls, (Lines{"error 178 2"}));
     EXPECT_TRUE(sink->requests().empty());
-
-    ZELSBPSourceCallbacks sourceCallbacks{};
-    sourceCallbacks.getCallback = [](ZELCDBEndpoint*, uint16_t, void*, uint32_t, uint32_t,
-                                     uint32_t*) -> ZELCDBError { return ZELCDBErrorNone; };
-    ZELSBPSource* source =
-        new ZELSBPSource(&host_, nullptr, &sourceCallbacks, sizeof sourceCallbacks);
-    source->setServiceId(kServiceId);
-    source->startService({1, 0});
+    ZELSBPSource* source = newStartedSource();
     const std::function<void()> answers[] = {
         [&] { source->sendGetResponse(zelcdbsdk::kSBPGet, kUid, 0, huge.data(), huge.size()); },
         [&] {
@@ -175,13 +168,13 @@ TEST_F(SBPServiceEndTest, PacketTooLongForTheWriterFailsOnlyItsRequest) {
         },
     };
     for (const auto& answer : answers) {
-        Bytes get = packet(zelcdbsdk::kSBPGet, 0);
-        source->servicePayload(get.data(), get.size());
-        host_.sent.clear();
+        deliver(*source, packet(zelcdbsdk::kSBPGet, 0));
         answer();
-        EXPECT_EQ(host_.sent, (Lines{"b9 10000002"}));  // the sink hears at once
         EXPECT_TRUE(source->requests().empty());
     }
+    // The Set's error; each Get failed at once rather than by the sink's time-out.
+    EXPECT_EQ(heard, (Lines{"error b2 2", "response 1", "get b1 0", "b9 10000002", "get b1 0",
+                            "b9 10000002"}));
     sink->release();
     source->release();
 }
