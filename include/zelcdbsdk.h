@@ -346,7 +346,9 @@ typedef ZELCDBError ZELSBPDeserializerDeserializeValueListFn(ZELSBPDeserializer 
                                                              void *userData, const uint8_t *data,
                                                              uint32_t length);
 
-/* SBP sink requests; answers arrive through the sink's callbacks. Only while running. */
+/* SBP sink requests; answers arrive through the sink's callbacks. Only while running. Here
+ * and in the source answers, data must fit one ServicePayload with its packet: at most 8084
+ * bytes (more is InvalidParameter, and nothing is sent). */
 typedef ZELCDBError ZELSBPSinkSendGetFn(ZELCDBEndpoint *endpoint, uint16_t serviceId,
                                         void *requestContext, uint32_t uid);
 typedef ZELCDBError ZELSBPSinkSendSetFn(ZELCDBEndpoint *endpoint, uint16_t serviceId,
