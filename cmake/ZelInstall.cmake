@@ -17,7 +17,7 @@ install(EXPORT zelcdbsdkTargets NAMESPACE zelcdbsdk:: DESTINATION ${ZEL_CMAKE_PA
         COMPONENT dev)
 file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/zelcdbsdkConfig.cmake
      CONTENT "# find_package(zelcdbsdk): the imported target zelcdbsdk::zelcdbsdk.\n\
-include(\"\${CMAKE_CURRENT_LIST_DIR}/zelcdbsdkTargets.cmake\")\n")
+include(\"\${CMAKE_CURRENT_LIST_DIR}/zelcdbsdkTargets.cmake\")\n" @ONLY)
 # Any 2.x library serves an application built for an older 2.x: the table only grows.
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zelcdbsdkConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion)

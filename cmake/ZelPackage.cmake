@@ -5,7 +5,7 @@
 #   zelcdb             zelcdb    the command-line tool and its man page
 # tools/package.sh builds what they hold and runs cpack; the packages land in
 # <build>/packages.
-set(ZEL_DEB_MAINTAINER "libzelcdbsdk developers <libzelcdbsdk@localhost>"
+set(ZEL_DEB_MAINTAINER "libzelcdbsdk developers <libzelcdbsdk@example.com>"
     CACHE STRING "Maintainer field of the Debian packages")
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
   set(zel_deb_arch armhf)
@@ -56,25 +56,31 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzelcdbsdk1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
+# The shlibs file lets packages built against this one depend on it; the trigger has
+# ldconfig see the new library.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+file(CONFIGURE OUTPUT ${zel_deb_doc}/triggers CONTENT "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${zel_deb_doc}/triggers)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Common Data Bus and Service Binary Protocol SDK
- libzelcdbsdk lets an application offer and use services of the Common Data
- Bus (CDB), numbered services over one TCP connection, and of the Service
- Binary Protocol (SBP) inside them: Get, Set, Subscribe, Cancel and Alive on
- typed elements.")
+libzelcdbsdk lets an application offer and use services of the Common Data
+Bus (CDB), numbered services over one TCP connection, and of the Service
+Binary Protocol (SBP) inside them: Get, Set, Subscribe, Cancel and Alive on
+typed elements.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzelcdbsdk-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libzelcdbsdk1 (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "Common Data Bus and Service Binary Protocol SDK - development files
- The C header of libzelcdbsdk, the CMake package (find_package(zelcdbsdk)),
- the pkg-config file and the API reference.")
+The C header of libzelcdbsdk, the CMake package (find_package(zelcdbsdk)),
+the pkg-config file and the API reference.")
 
 set(CPACK_DEBIAN_ZELCDB_PACKAGE_NAME zelcdb)
 set(CPACK_DEBIAN_ZELCDB_PACKAGE_SECTION utils)
 set(CPACK_COMPONENT_ZELCDB_DESCRIPTION "Offer, list and use CDB and SBP services from a terminal
- zelcdb serves an SBP service whose elements come from a JSON file, and reads,
- writes and subscribes to the elements of any peer's services.")
+zelcdb serves an SBP service whose elements come from a JSON file, and reads,
+writes and subscribes to the elements of any peer's services.")
 
 # Dependencies on the system's libraries: dpkg-shlibdeps where it can read the binaries'
 # architecture, the Debian 12 versions the libraries need otherwise (the armhf cross build).

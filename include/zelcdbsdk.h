@@ -73,7 +73,7 @@ extern "C" {
  *  - 5 ZELCDBErrorNetworkError: connect, accept, send or receive failed, or the peer closed.
  *  - 6 ZELCDBErrorIllegalWhileRunning: the entry needs a stopped endpoint.
  *  - 7 ZELCDBErrorIllegalWhileNotRunning: the entry needs a running endpoint.
- *  - 10 ZELCDBErrorNotFound: the object asked for does not exist.
+ *  - 10 ZELCDBErrorNotFound: not returned by this version of the library.
  *  - 11 ZELCDBErrorInvalidProtocol: the peer sent bytes that are not CDB.
  *  - 12 ZELCDBErrorTimeout: an SBP request got no answer within 5 s.
  *  - 13 ZELCDBErrorLocalSBPError: this side refused or could not send an SBP request (with its
