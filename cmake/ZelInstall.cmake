@@ -42,9 +42,10 @@ function(zel_install_zelcdb_extras)
     return()
   endif()
   set(page ${CMAKE_CURRENT_BINARY_DIR}/zelcdb.1.gz)
+  configure_file(${PROJECT_SOURCE_DIR}/docs/zelcdb.1.in ${CMAKE_CURRENT_BINARY_DIR}/zelcdb.1 @ONLY)
   add_custom_command(OUTPUT ${page}
-                     COMMAND gzip -9n -c ${PROJECT_SOURCE_DIR}/docs/zelcdb.1 > ${page}
-                     DEPENDS ${PROJECT_SOURCE_DIR}/docs/zelcdb.1)
+                     COMMAND gzip -9n -c ${CMAKE_CURRENT_BINARY_DIR}/zelcdb.1 > ${page}
+                     DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/zelcdb.1)
   add_custom_target(zelcdb_man ALL DEPENDS ${page})
   install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT zelcdb)
 endfunction()
