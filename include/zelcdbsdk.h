@@ -385,11 +385,12 @@ typedef struct {
  *
  * A sink is created inactive: send ZELCDBEndpointSendStartService and wait for
  * serviceStatusCallback with ZELCDBServiceResponseStarted before sending requests (answers
- * that reach an inactive sink are refused). Every request ends with exactly one of
- * dataCallback (Get), setDoneCallback, subscribedCallback, cancelledCallback,
- * aliveResponseCallback or errorCallback; an acknowledged subscription then delivers updates
- * through dataCallback until it is cancelled or fails. At most one request per command and
- * UID may be outstanding.
+ * that reach an inactive sink are refused). Every request ends with one of dataCallback
+ * (Get), setDoneCallback, subscribedCallback, cancelledCallback, aliveResponseCallback or
+ * errorCallback, unless the service stops or the connection ends first (it is then dropped
+ * without a callback); an acknowledged subscription then delivers updates through
+ * dataCallback until it is cancelled or fails. At most one request per command and UID may
+ * be outstanding.
  *
  * When the connection ends, an active sink gets serviceStatusCallback with status 2 (as if
  * the peer had stopped the service) and every request it had outstanding is dropped without
