@@ -65,37 +65,37 @@ std::string errorText(ZELCDBError error) {
 std::string resultText(uint32_t result) {
     const char* meaning = nullptr;
     switch (result) {
-        case 0x00000000:
+        case ZELSBPResultSuccess:
             meaning = "success";
             break;
-        case 0x10000002:
+        case ZELSBPResultFailed:
             meaning = "failed or not supported";
             break;
-        case 0x10000003:
+        case ZELSBPResultInvalidInterval:
             meaning = "invalid subscription interval";
             break;
-        case 0x10000004:
+        case ZELSBPResultInvalidSubscriptionType:
             meaning = "invalid subscription type";
             break;
-        case 0x10000006:
+        case ZELSBPResultPeriodicUpdateFailed:
             meaning = "error getting a periodic update";
             break;
-        case 0x10000007:
+        case ZELSBPResultAuthTimedOut:
             meaning = "authentication challenge not answered";
             break;
-        case 0x10000008:
+        case ZELSBPResultAlreadyPending:
             meaning = "the same request is already pending";
             break;
-        case 0x10000009:
+        case ZELSBPResultNothingToCancel:
             meaning = "nothing to cancel";
             break;
-        case 0x1000000A:
+        case ZELSBPResultNoFreePacketId:
             meaning = "no free packet id";
             break;
-        case 0x1000000B:
+        case ZELSBPResultCancelled:
             meaning = "cancelled";
             break;
-        case 0x1000000D:
+        case ZELSBPResultUnexpectedCommand:
             meaning = "command not supported";
             break;
         default:

@@ -15,22 +15,6 @@ const ZELCDBSDK& sdk();
 // has only the codec leaves their entries NULL).
 void requireEndpoints();
 
-constexpr uint32_t kCommandGet = 0xB1;
-constexpr uint32_t kCommandSet = 0xB2;
-constexpr uint32_t kCommandSubscribe = 0xB3;
-constexpr uint32_t kCommandCancel = 0xB4;
-constexpr uint32_t kCommandAlive = 0xB5;
-constexpr uint32_t kSubscribePeriodic = 0;
-constexpr uint32_t kSubscribeOnChange = 1;
-constexpr uint32_t kSubscribeEither = 2;
-// The largest interval a Subscribe can carry: it travels in 24 bits.
-constexpr uint32_t kMaxInterval = 0xFFFFFF;
-constexpr uint32_t kResultOk = 0;
-constexpr uint32_t kResultNotSupported = 0x10000002;
-// CDB ServiceResponse codes a service start or stop is answered with.
-constexpr uint16_t kServiceStarted = 1;
-constexpr uint16_t kServiceStopped = 2;
-
 // "NetworkError (5)".
 std::string errorText(ZELCDBError error);
 // "0x10000003 (invalid subscription interval)".

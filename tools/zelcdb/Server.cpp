@@ -98,7 +98,7 @@ ZELCDBError guarded(uint32_t* result, Body body) {
     } catch (const std::exception& e) {
         console::message(std::string("internal error: ") + e.what());
     }
-    if (result) *result = kResultNotSupported;
+    if (result) *result = ZELSBPResultFailed;
     return ZELCDBErrorLocalSBPError;
 }
 
@@ -154,7 +154,7 @@ const ZELCDBSourceServiceCallbacks Server::kEchoCallbacks = {
             std::lock_guard<std::mutex> lock(connection.server->mutex_);
             connection.echoStarted = true;
         }
-        sdk().endpointSendServiceResponse(e, id, kServiceStarted);
+        sdk().endpointSendServiceResponse(e, id, ZELCDBServiceResponseStarted);
         console::note(connection.server->label(connection) + " started the echo service");
     },
     [](ZELCDBEndpoint* e, void*, uint16_t id, void* c) {
@@ -163,7 +163,7 @@ const ZELCDBSourceServiceCallbacks Server::kEchoCallbacks = {
             std::lock_guard<std::mutex> lock(connection.server->mutex_);
             connection.echoStarted = false;
         }
-        sdk().endpointSendServiceResponse(e, id, kServiceStopped);
+        sdk().endpointSendServiceResponse(e, id, ZELCDBServiceResponseStopped);
     },
     [](ZELCDBEndpoint*, void*, uint16_t, void* c, const uint8_t* data, uint32_t length) {
         Connection& connection = connectionOf(c);
@@ -207,21 +207,21 @@ ZELCDBError Server::get(Connection& c, uint32_t command, uint32_t uid, uint32_t*
         const Element* element = file_.find(uid);
         if (!element) {
             console::message(label(c) + ": Get of unknown element " + hex32(uid) + " refused");
-            *result = kResultNotSupported;
+            *result = ZELSBPResultFailed;
             return ZELCDBErrorLocalSBPError;
         }
         data = encode(uid, element->type, element->value);
     }
     // Periodic updates come here too (command Subscribe); only a Get is worth a note.
-    if (command == kCommandGet) console::note(label(c) + ": Get " + nameOf(uid));
-    sdk().sourceSendGetResponse(c.endpoint, c.sbpId, nullptr, command, uid, kResultOk, data.data(),
-                                static_cast<uint32_t>(data.size()));
+    if (command == ZELSBPCommandGet) console::note(label(c) + ": Get " + nameOf(uid));
+    sdk().sourceSendGetResponse(c.endpoint, c.sbpId, nullptr, command, uid, ZELSBPResultSuccess,
+                                data.data(), static_cast<uint32_t>(data.size()));
     return ZELCDBErrorNone;
 }
 
 ZELCDBError Server::set(Connection& c, uint32_t uid, const uint8_t* data, int32_t size,
                         uint32_t* result) {
-    *result = kResultNotSupported;
+    *result = ZELSBPResultFailed;
     std::string refused;
     std::optional<Value> value;
     try {
@@ -250,12 +250,12 @@ ZELCDBError Server::set(Connection& c, uint32_t uid, const uint8_t* data, int32_
     // Queued behind the Set's own answer, which the library sends when this returns.
     for (const auto& other : connections_) {
         if (changed && other->onChange.count(uid)) {
-            sdk().sourceSendGetResponse(other->endpoint, other->sbpId, nullptr, kCommandSubscribe,
-                                        uid, kResultOk, update.data(),
-                                        static_cast<uint32_t>(update.size()));
+            sdk().sourceSendGetResponse(other->endpoint, other->sbpId, nullptr,
+                                        ZELSBPCommandSubscribe, uid, ZELSBPResultSuccess,
+                                        update.data(), static_cast<uint32_t>(update.size()));
         }
     }
-    *result = kResultOk;
+    *result = ZELSBPResultSuccess;
     return ZELCDBErrorLocalSBPError;
 }
 
@@ -264,25 +264,25 @@ ZELCDBError Server::subscribe(Connection& c, uint32_t uid, uint32_t* type, uint3
     std::lock_guard<std::mutex> lock(mutex_);
     if (!file_.find(uid)) {
         console::message(label(c) + ": Subscribe to unknown element " + hex32(uid) + " refused");
-        *result = kResultNotSupported;
+        *result = ZELSBPResultFailed;
         return ZELCDBErrorLocalSBPError;
     }
-    if (*type == kSubscribeEither) *type = kSubscribeOnChange;
-    if (*type == kSubscribeOnChange) {
+    if (*type == ZELSBPSubscribeEither) *type = ZELSBPSubscribeOnChange;
+    if (*type == ZELSBPSubscribeOnChange) {
         // The interval means nothing here, but the library checks it all the same.
-        if (*interval == 0 || *interval > kMaxInterval) *interval = 1000;
+        if (*interval == 0 || *interval > ZELSBP_SUBSCRIBE_INTERVAL_MAX) *interval = 1000;
         c.onChange.insert(uid);
         console::note(label(c) + ": Subscribe " + nameOf(uid) + " on change");
     } else {
         console::note(label(c) + ": Subscribe " + nameOf(uid) + " every " +
                       std::to_string(*interval) + " ms");
     }
-    *result = kResultOk;
+    *result = ZELSBPResultSuccess;
     return ZELCDBErrorLocalSBPError;
 }
 
 void Server::cancel(Connection& c, uint32_t command, uint32_t uid) {
-    if (command != kCommandSubscribe) return;
+    if (command != ZELSBPCommandSubscribe) return;
     std::lock_guard<std::mutex> lock(mutex_);
     c.onChange.erase(uid);
     console::note(label(c) + ": Cancel subscription to " + nameOf(uid));

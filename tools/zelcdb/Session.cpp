@@ -349,7 +349,7 @@ void Session::startService(const PeerService& service) {
     for (;;) {
         Event event = next("answer to StartService of " + service.name);
         if (event.kind != EventKind::SinkStatus) continue;
-        if (event.status == kServiceStarted) break;
+        if (event.status == ZELCDBServiceResponseStarted) break;
         throw Failure(kExitRefused, "the peer refused to start " + service.name +
                                         " (CDB response " + hex16(uint16_t(event.status)) + ")");
     }
