@@ -160,6 +160,15 @@ TEST(EndpointEntries, NullHandleNotRunningAndBadArgumentsGiveTheirCodes) {
         {ENTRY(sourceSendSetResponse(e, 1, nullptr, 1, 0x10000000)), kInvalid},
         {ENTRY(sourceSendSubscribeResponse(e, 1, nullptr, 1, 0x10000000)), kInvalid},
         {ENTRY(sourceSendSubscribeResponse(e, 1, nullptr, 1, 5)), kNone},
+        // Data must fit one ServicePayload with its packet: 15 bytes of header, the marker.
+        {ENTRY(sinkSendSet(e, 1, nullptr, 1, data, 8084)), kNone},
+        {ENTRY(sinkSendSet(e, 1, nullptr, 1, data, 8085)), kInvalid},
+        {ENTRY(sinkSendServiceAuthResponse(e, 1, nullptr, 0xB1, 1, 0, data, 8084)), kNone},
+        {ENTRY(sinkSendServiceAuthResponse(e, 1, nullptr, 0xB1, 1, 0, data, 8085)), kInvalid},
+        {ENTRY(sourceSendGetResponse(e, 1, nullptr, 0xB1, 1, 0, data, 8084)), kNone},
+        {ENTRY(sourceSendGetResponse(e, 1, nullptr, 0xB1, 1, 0, data, 8085)), kInvalid},
+        {ENTRY(sourceSendServiceAuthChallenge(e, 1, nullptr, 0xB1, 1, data, 8084)), kNone},
+        {ENTRY(sourceSendServiceAuthChallenge(e, 1, nullptr, 0xB1, 1, data, 8085)), kInvalid},
     };
 #undef ENTRY
     for (size_t i = 0; i < sizeof others / sizeof others[0]; ++i) {
