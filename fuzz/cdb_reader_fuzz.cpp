@@ -136,10 +136,9 @@ const size_t kBufferSizes[] = {0, 300, 1024, 4096};
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
     size_t segmentCount = (data[0] & 0x0f) + 1u;
-    static SegmentedInStream streams[] = {SegmentedInStream(kBufferSizes[0]),
-                                          SegmentedInStream(kBufferSizes[1]),
-                                          SegmentedInStream(kBufferSizes[2]),
-                                          SegmentedInStream(kBufferSizes[3])};
+    static SegmentedInStream streams[] = {
+        SegmentedInStream(kBufferSizes[0]), SegmentedInStream(kBufferSizes[1]),
+        SegmentedInStream(kBufferSizes[2]), SegmentedInStream(kBufferSizes[3])};
     SegmentedInStream& segmentedIn = streams[(data[0] >> 4) & 3];
     if (size < 1 + segmentCount) return 0;
     std::vector<size_t> segments(data + 1, data + 1 + segmentCount);
