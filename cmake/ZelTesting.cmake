@@ -17,7 +17,7 @@ endif()
 
 # zel_test_suite(<name> DEPS <targets...> [LABELS <labels...>]): one test program of every
 # .cpp in the calling folder, run by ctest as one test. Every suite links zel_test_support
-# (tests/support) and has tests/ on its include path.
+# and the failing allocator (tests/support) and has tests/ on its include path.
 function(zel_test_suite name)
   cmake_parse_arguments(ARG "" "" "DEPS;LABELS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
@@ -26,8 +26,8 @@ function(zel_test_suite name)
   endif()
   add_executable(${name}_tests ${sources})
   target_include_directories(${name}_tests PRIVATE ${PROJECT_SOURCE_DIR}/tests)
-  target_link_libraries(${name}_tests PRIVATE ${ARG_DEPS} zel_test_support GTest::gmock
-                                               GTest::gtest_main Threads::Threads)
+  target_link_libraries(${name}_tests PRIVATE ${ARG_DEPS} zel_test_support zel_failing_allocator
+                                               GTest::gmock GTest::gtest_main Threads::Threads)
   add_test(NAME ${name} COMMAND ${name}_tests --gtest_brief=1)
   if(ARG_LABELS)
     set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}")

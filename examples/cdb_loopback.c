@@ -111,14 +111,14 @@ static void onServiceStart(ZELCDBEndpoint *endpoint, void *context, uint16_t ser
     (void)context, (void)serviceContext;
     printf("[server] asked to start 0x%04x, version %d.%d: accepting\n", serviceId, versionMajor,
            versionMinor);
-    sdk.endpointSendServiceResponse(endpoint, serviceId, 0x0001);
+    sdk.endpointSendServiceResponse(endpoint, serviceId, ZELCDBServiceResponseStarted);
 }
 
 static void onServiceStop(ZELCDBEndpoint *endpoint, void *context, uint16_t serviceId,
                           void *serviceContext) {
     (void)context, (void)serviceContext;
     printf("[server] asked to stop 0x%04x: done\n", serviceId);
-    sdk.endpointSendServiceResponse(endpoint, serviceId, 0x0001);
+    sdk.endpointSendServiceResponse(endpoint, serviceId, ZELCDBServiceResponseStarted);
 }
 
 static void onServicePayload(ZELCDBEndpoint *endpoint, void *context, uint16_t serviceId,

@@ -37,15 +37,6 @@ static void sleepMs(long ms) {
     nanosleep(&pause, NULL);
 }
 
-#define SBP_GET 0xB1u
-#define SBP_SUBSCRIBE 0xB3u
-#define SBP_SUBSCRIBE_PERIODIC 0u
-#define SBP_SUBSCRIBE_ON_CHANGE 1u
-#define SBP_SUBSCRIBE_EITHER 2u
-#define SBP_RESULT_NOT_SUPPORTED 0x10000002u
-#define SBP_RESULT_CANCELLED 0x1000000Bu
-#define CDB_SERVICE_STARTED 1u
-
 /* ---- Names and UIDs ---------------------------------------------------------------- */
 
 /* Every name the demo uses, elements and structure members alike. Peers agree on UIDs by
@@ -236,8 +227,8 @@ static ZELSBPSerializer *encode(uint32_t uid) {
             if (!error) error = sdk.serializerEnd(s);
             break;
         case TYRES:
-            /* 0x87: an array of floats; elements carry no UID of their own. */
-            error = sdk.serializerBeginArray(s, uid, 0x87);
+            /* An array of floats; elements carry no UID of their own. */
+            error = sdk.serializerBeginArray(s, uid, ZELSBPTypeFloat);
             for (i = 0; i < 4 && !error; ++i)
                 error = sdk.serializerAddFloat(s, 0, vehicle.tyres[i]);
             if (!error) error = sdk.serializerEnd(s);
@@ -252,14 +243,15 @@ static ZELSBPSerializer *encode(uint32_t uid) {
     return s;
 }
 
-/* Answers a Get (command 0xB1) or a periodic tick (0xB3) with the element's value. */
+/* Answers a Get (ZELSBPCommandGet) or a periodic tick (ZELSBPCommandSubscribe) with the element's
+ * value. */
 static ZELCDBError sendValue(ZELCDBEndpoint *e, uint16_t service, uint32_t command, uint32_t uid) {
     const uint8_t *data;
     uint32_t size;
     ZELSBPSerializer *s = encode(uid);
     if (!s) return ZELCDBErrorNotFound;
     sdk.serializerGetData(s, &data, &size);
-    sdk.sourceSendGetResponse(e, service, NULL, command, uid, 0, data, size);
+    sdk.sourceSendGetResponse(e, service, NULL, command, uid, ZELSBPResultSuccess, data, size);
     sdk.serializerDestroy(s); /* the library copied the bytes */
     return ZELCDBErrorNone;
 }
@@ -278,7 +270,7 @@ static ZELCDBError serverGet(ZELCDBEndpoint *e, uint16_t service, void *c, uint3
     if (sendValue(e, service, command, uid) == ZELCDBErrorNone) {
         return ZELCDBErrorNone; /* answered through sourceSendGetResponse */
     }
-    *result = SBP_RESULT_NOT_SUPPORTED;
+    *result = ZELSBPResultFailed;
     return ZELCDBErrorLocalSBPError; /* the library answers at once with *result */
 }
 
@@ -327,17 +319,17 @@ static ZELCDBError serverSet(ZELCDBEndpoint *e, uint16_t service, void *c, uint3
         sdk.deserializerDestroy(reader);
     }
     if (!applied) {
-        *result = SBP_RESULT_NOT_SUPPORTED;
+        *result = ZELSBPResultFailed;
         return ZELCDBErrorLocalSBPError;
     }
     printf("  server: Set %s\n", decode(&line, data, (uint32_t)size));
     /* On-change subscribers hear of it right after the Set is answered. */
     for (i = 0; i < subscriptionCount; ++i) {
-        if (subscriptions[i].uid == uid && subscriptions[i].type == SBP_SUBSCRIBE_ON_CHANGE) {
-            sendValue(e, service, SBP_SUBSCRIBE, uid);
+        if (subscriptions[i].uid == uid && subscriptions[i].type == ZELSBPSubscribeOnChange) {
+            sendValue(e, service, ZELSBPCommandSubscribe, uid);
         }
     }
-    *result = 0;
+    *result = ZELSBPResultSuccess;
     return ZELCDBErrorLocalSBPError; /* immediate success, no data */
 }
 
@@ -345,18 +337,18 @@ static ZELCDBError serverSubscribe(ZELCDBEndpoint *e, uint16_t service, void *c,
                                    uint32_t *type, uint32_t *interval, uint32_t *result) {
     (void)e, (void)service, (void)c;
     if (nameOf(uid) < 0 || subscriptionCount == 8) {
-        *result = SBP_RESULT_NOT_SUPPORTED;
+        *result = ZELSBPResultFailed;
         return ZELCDBErrorLocalSBPError;
     }
-    if (*type == SBP_SUBSCRIBE_EITHER) *type = SBP_SUBSCRIBE_ON_CHANGE;
+    if (*type == ZELSBPSubscribeEither) *type = ZELSBPSubscribeOnChange;
     /* The library refuses an interval of 0 even where it means nothing. */
-    if (*type == SBP_SUBSCRIBE_ON_CHANGE && *interval == 0) *interval = 1000;
+    if (*type == ZELSBPSubscribeOnChange && *interval == 0) *interval = 1000;
     subscriptions[subscriptionCount].uid = uid;
     subscriptions[subscriptionCount].type = *type;
     ++subscriptionCount;
     printf("  server: subscription to %s, %s\n", names[nameOf(uid)],
-           *type == SBP_SUBSCRIBE_PERIODIC ? "periodic" : "on change");
-    *result = 0;
+           *type == ZELSBPSubscribePeriodic ? "periodic" : "on change");
+    *result = ZELSBPResultSuccess;
     return ZELCDBErrorLocalSBPError; /* accepted at once; periodic ticks call serverGet */
 }
 
@@ -364,7 +356,7 @@ static void serverCancel(ZELCDBEndpoint *e, uint16_t service, void *c, uint32_t 
                          uint32_t uid) {
     int i;
     (void)e, (void)service, (void)c;
-    if (command != SBP_SUBSCRIBE) return;
+    if (command != ZELSBPCommandSubscribe) return;
     for (i = 0; i < subscriptionCount; ++i) {
         if (subscriptions[i].uid == uid) {
             subscriptions[i] = subscriptions[--subscriptionCount];
@@ -517,8 +509,8 @@ static const char *const eventNames[] = {"",      "endpoint ended", "services", 
 static int expect(int kind, Event *event) {
     while (next(event)) {
         if (event->kind == kind) return 1;
-        if (event->kind == EV_DATA && event->a == SBP_SUBSCRIBE) continue;
-        if (event->kind == EV_ERROR && event->b == SBP_RESULT_CANCELLED) continue;
+        if (event->kind == EV_DATA && event->a == ZELSBPCommandSubscribe) continue;
+        if (event->kind == EV_ERROR && event->b == ZELSBPResultCancelled) continue;
         if (event->kind == EV_ERROR) {
             printf("client: request failed: %s, SBP result 0x%08x\n",
                    sdk.getErrorName((ZELCDBError)event->a), (unsigned)event->b);
@@ -540,7 +532,7 @@ static int get(int element) {
     sdk.sinkSendGet(client, vehicleService, NULL, uids[element]);
     do {
         if (!expect(EV_DATA, &event)) return 0;
-    } while (event.a != SBP_GET);
+    } while (event.a != ZELSBPCommandGet);
     printf("client: Get       %s\n", decode(&line, event.data, event.size));
     return 1;
 }
@@ -565,7 +557,7 @@ static int subscribe(int element, uint32_t type, uint32_t interval) {
     Event event;
     sdk.sinkSendSubscribe(client, vehicleService, NULL, uids[element], type, interval);
     if (!expect(EV_SUBSCRIBED, &event)) return 0;
-    if (type == SBP_SUBSCRIBE_PERIODIC) {
+    if (type == ZELSBPSubscribePeriodic) {
         printf("client: subscribed to %s every %u ms\n", names[element], (unsigned)interval);
     } else {
         printf("client: subscribed to %s on change\n", names[element]);
@@ -583,7 +575,7 @@ static int update(void) {
 
 static int cancel(int element) {
     Event event;
-    sdk.sinkSendCancel(client, vehicleService, NULL, uids[element], SBP_SUBSCRIBE);
+    sdk.sinkSendCancel(client, vehicleService, NULL, uids[element], ZELSBPCommandSubscribe);
     if (!expect(EV_CANCELLED, &event)) return 0;
     printf("client: subscription to %s cancelled\n", names[element]);
     return 1;
@@ -632,7 +624,7 @@ static int startService(void) {
     if (sdk.sinkCreate(client, NULL, vehicleService, &callbacks, sizeof callbacks)) return 0;
     sdk.endpointSendStartService(client, vehicleService);
     if (!expect(EV_STATUS, &event)) return 0;
-    if (event.a != CDB_SERVICE_STARTED) {
+    if (event.a != ZELCDBServiceResponseStarted) {
         printf("client: the server refused to start the service (response 0x%04x)\n",
                (unsigned)event.a);
         return 0;
@@ -654,13 +646,13 @@ static int exchange(void) {
     sdk.serializerAddInt(value, uids[SPEED], 95);
     if (!set(SPEED, value) || !get(SPEED)) return 0;
 
-    if (!subscribe(SPEED, SBP_SUBSCRIBE_PERIODIC, 100)) return 0;
+    if (!subscribe(SPEED, ZELSBPSubscribePeriodic, 100)) return 0;
     for (i = 0; i < 3; ++i) {
         if (!update()) return 0;
     }
     if (!cancel(SPEED)) return 0;
 
-    if (!subscribe(DRIVER, SBP_SUBSCRIBE_ON_CHANGE, 0)) return 0;
+    if (!subscribe(DRIVER, ZELSBPSubscribeOnChange, 0)) return 0;
     if (sdk.serializerCreate(&value)) return 0;
     sdk.serializerAddString(value, uids[DRIVER], "Sam", ZELSBP_NUL_TERMINATED);
     if (!set(DRIVER, value) || !update() || !cancel(DRIVER)) return 0;

@@ -5,6 +5,7 @@
 #   tools/format.sh --check   change nothing; list unformatted files and fail if there are any
 set -euo pipefail
 cd "$(dirname "$0")/.."
+tools/install-deps.sh format
 mapfile -t files < <(git ls-files --cached --others --exclude-standard '*.c' '*.cpp' '*.h')
 if [ "${1:-}" = --check ]; then
     bad=()

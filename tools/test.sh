@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=${1:-release}
-if [ "$preset" = arm32 ]; then tools/install-deps.sh arm; else tools/install-deps.sh; fi
+if [ "$preset" = arm32 ]; then tools/install-deps.sh arm; else tools/install-deps.sh build; fi
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset"
 ctest --preset "$preset"

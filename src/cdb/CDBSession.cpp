@@ -147,7 +147,9 @@ void CDBSession::loop(bool connected) {
             if (state_ == Disconnected) break;
             waitAndDispatch(plat::Clock::current().realWaitMs(timeoutMs));
         }
+        reportDroppedSends();
     } catch (...) {
+        reportDroppedSends();
         try {
             out_.flushBuffer();
         } catch (...) {
@@ -214,6 +216,8 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
 
 void CDBSession::connectionEstablished() {
     log_.info("Connection established");
+    reportDroppedSends();
+    established_ = true;
     owner_.sessionConnected();
     writer_.sendServicesRequest(owner_.cdbVersion());
     servicesRequestTimer_.start(kServicesRequestMs);
@@ -544,7 +548,25 @@ void CDBSession::handleServicePayload(uint16_t id, uint8_t accessControl, size_t
     service->handler->servicePayload(data, length);
 }
 
+bool CDBSession::dropWhileNotConnected(const char* what, uint16_t id) {
+    if (established_ && state_ != Disconnected) return false;
+    // Written now, the next peer would read another peer's traffic before the directory.
+    if (droppedSends_++ == 0) {
+        log_.debug("Dropping %s for service %d (0x%04x) - not connected; counting until connected",
+                   what, id, id);
+    }
+    return true;
+}
+
+void CDBSession::reportDroppedSends() {
+    if (droppedSends_ == 0) return;
+    log_.debug("Dropped %llu ServicePayload and ServiceResponse messages while not connected",
+               static_cast<unsigned long long>(droppedSends_));
+    droppedSends_ = 0;
+}
+
 void CDBSession::sendServicePayload(uint16_t id, const void* data, size_t length) {
+    if (dropWhileNotConnected("ServicePayload", id)) return;
     const CDBService* service = findService(id);
     if (!service) {
         log_.error("Failed to send ServicePayload for service %d (0x%04x) - service does not exist",
@@ -576,6 +598,7 @@ void CDBSession::stopPeerService(uint16_t id) {
 }
 
 void CDBSession::sendServiceResponse(uint16_t id, uint16_t code) {
+    if (dropWhileNotConnected("ServiceResponse", id)) return;
     if (isLocalServiceId(id)) {
         if (code != kResponsePending) dropPendingRequest(id);
     } else if (!isPeerServiceId(id)) {

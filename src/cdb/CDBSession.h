@@ -59,6 +59,8 @@ public:
     void sendServicePayload(uint16_t id, const void* data, size_t length);
     // The application answers (or gives a response to) a service.
     void sendServiceResponse(uint16_t id, uint16_t code);
+    // Both of the above drop what they are given, with one debug line per burst, while no
+    // connection is established (listening, connecting) or after it is gone.
     // Attaches a sink to a peer service; the session keeps a reference to it for as long as
     // the peer advertises the service unchanged.
     void addSink(uint16_t id, CDBService::Handler* handler);
@@ -121,6 +123,10 @@ protected:
     void rebuildPeerTable(CDBVersion peerVersion, const std::vector<CDBService>& services);
     const CDBService* findLocalService(uint16_t id);
     void connectionEstablished();
+    // True (and counted) when a send must be dropped because no peer is connected.
+    bool dropWhileNotConnected(const char* what, uint16_t id);
+    // Logs how many sends the last burst dropped, if any, and starts counting afresh.
+    void reportDroppedSends();
     // The loop of run(); connected: the socket already carries the connection.
     void loop(bool connected);
     void waitAndDispatch(int timeoutMs);
@@ -147,6 +153,8 @@ protected:
     bool servicesRequestTimedOut_ = false;
     uint16_t expectedPingSequence_ = 0;
     uint64_t loopTurns_ = 0;
+    bool established_ = false;  // the connection was made; stays set through Closing
+    uint64_t droppedSends_ = 0;
 };
 
 }  // namespace zelcdbsdk

@@ -29,6 +29,8 @@ constexpr size_t kSBPHeaderLength = 15;
 constexpr uint32_t kSBPEmptyPacketLength = 15;
 // A packet without payload, whole.
 constexpr size_t kSBPEmptyPacketSize = 20;
+// What a packet adds around a payload that is not empty: the header and the end marker.
+constexpr size_t kSBPPacketOverhead = kSBPHeaderLength + sizeof kSBPEndMarker;
 
 // Result values carried in a Response's commandValue (SBP-level, not SDK error codes).
 enum SBPResult : uint32_t {

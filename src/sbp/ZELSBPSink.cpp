@@ -8,6 +8,7 @@
 
 #include "cdb/CDBEndpointHost.h"
 #include "cdb/CDBWire.h"
+#include "cdb/CDBWriter.h"
 
 using zelcdbsdk::SBPPacket;
 using zelcdbsdk::SBPRequest;
@@ -51,8 +52,13 @@ ZELCDBError ZELSBPSink::sendPacket(uint8_t command, uint32_t uid, uint16_t packe
     ZELCDBError error =
         zelcdbsdk::writeSBPPacket(packetOut_, command, uid, packetId, commandValue, payload, size);
     if (error != ZELCDBErrorNone) return error;
-    if (host()->hasSession()) {
+    if (!host()->hasSession()) return ZELCDBErrorNone;
+    try {
         host()->sendServicePayload(serviceId(), packetOut_.data(), packetOut_.length());
+    } catch (const zelcdbsdk::CDBWriter::MessageTooLong& e) {
+        // Nothing reached the stream: this request fails, the link and its services go on.
+        log_.error("%s", e.str());
+        return ZELCDBErrorInvalidParameter;
     }
     return ZELCDBErrorNone;
 }

@@ -59,7 +59,7 @@ private:
                                        const uint8_t* payload, size_t size, void* context,
                                        uint32_t extra);
     // Builds a packet and hands it to the session, if there is one; the SDK error of a
-    // packet that could not be built.
+    // packet that could not be built or was too long for the session to take.
     ZELCDBError sendPacket(uint8_t command, uint32_t uid, uint16_t packetId, uint32_t commandValue,
                            const uint8_t* payload, size_t size);
 

@@ -8,6 +8,7 @@
 
 #include "cdb/CDBEndpointHost.h"
 #include "cdb/CDBWire.h"
+#include "cdb/CDBWriter.h"
 
 using zelcdbsdk::SBPPacket;
 using zelcdbsdk::SBPRequest;
@@ -20,12 +21,12 @@ constexpr uint32_t kMaxInterval = 0xFFFFFF;
 
 // ServiceResponse codes the source answers StartService and StopService with.
 constexpr uint16_t kStarted = 1;
-constexpr uint16_t kStopped = 2;
+constexpr uint16_t kServiceStopped = 2;
 constexpr uint16_t kAlreadyStarted = 0x0101;
 constexpr uint16_t kNotStarted = 0x0102;
 constexpr uint16_t kStartRefused = 0x0201;
 constexpr uint16_t kStopRefused = 0x0202;
-constexpr uint16_t kBadPacket = 0x0203;
+constexpr uint16_t kMalformedPacket = 0x0203;
 
 constexpr uint32_t kPeriodic = 0;
 constexpr uint32_t kEither = 2;
@@ -85,24 +86,31 @@ void ZELSBPSource::stopService() {
         host()->sendServiceResponse(serviceId(), kNotStarted);
         return;
     }
-    bool refused = endService();
-    host()->sendServiceResponse(serviceId(), refused ? kStopRefused : kStopped);
+    bool refused = endService(kStopped);
+    host()->sendServiceResponse(serviceId(), refused ? kStopRefused : kServiceStopped);
 }
 
 void ZELSBPSource::sessionEnded() {
     // The source outlives the session: a request kept from the dead link would make every
     // later one for its element "already pending", and its timer would outlive its manager.
     if (active_) {
-        endService();
+        endService(kStopped);
     } else {
         requests_.clear();
     }
 }
 
-bool ZELSBPSource::endService() {
+bool ZELSBPSource::endService(Ending why) {
     active_ = false;
     int32_t refused = 0;
-    if (callbacks_.serviceStopCallback) {
+    if (why == kBadPacket) {
+        if (callbacks_.serviceTerminatedCallback) {
+            host()->callApplication([&] {
+                callbacks_.serviceTerminatedCallback(host()->endpointHandle(), serviceId(),
+                                                     sourceContext_);
+            });
+        }
+    } else if (callbacks_.serviceStopCallback) {
         host()->callApplication([&] {
             refused = callbacks_.serviceStopCallback(
                 host()->endpointHandle(), host()->endpointContext(), serviceId(), sourceContext_);
@@ -114,12 +122,12 @@ bool ZELSBPSource::endService() {
 
 // ---- Sending ------------------------------------------------------------------------------
 
-void ZELSBPSource::sendPacket(uint8_t command, uint32_t uid, uint16_t packetId,
+bool ZELSBPSource::sendPacket(uint8_t command, uint32_t uid, uint16_t packetId,
                               uint32_t commandValue, const uint8_t* payload, size_t size,
                               const char* errorFormat) {
     if (!host()->hasSession()) {
         log_.error(errorFormat, static_cast<int>(ZELCDBErrorIllegalWhileNotRunning));
-        return;
+        return false;
     }
     // One block, reused: a packet is handed to the session before the next one is built.
     packetOut_.clear();
@@ -127,9 +135,17 @@ void ZELSBPSource::sendPacket(uint8_t command, uint32_t uid, uint16_t packetId,
         zelcdbsdk::writeSBPPacket(packetOut_, command, uid, packetId, commandValue, payload, size);
     if (error != ZELCDBErrorNone) {
         log_.error(errorFormat, static_cast<int>(error));
-        return;
+        return false;
     }
-    host()->sendServicePayload(serviceId(), packetOut_.data(), packetOut_.length());
+    try {
+        host()->sendServicePayload(serviceId(), packetOut_.data(), packetOut_.length());
+    } catch (const zelcdbsdk::CDBWriter::MessageTooLong& e) {
+        // Nothing reached the stream: this answer fails, the link and its services go on.
+        log_.error("%s", e.str());
+        log_.error(errorFormat, static_cast<int>(ZELCDBErrorInvalidParameter));
+        return false;
+    }
+    return true;
 }
 
 void ZELSBPSource::respond(const SBPPacket& request, uint32_t result, const char* errorFormat) {
@@ -164,14 +180,8 @@ void ZELSBPSource::servicePayload(const uint8_t* data, size_t length) {
     if (zelcdbsdk::readSBPPacket(data, length, log_, &packet) != ZELCDBErrorNone) {
         // The sink's wording, shared on purpose: operators search for one line.
         log_.warning("Warning: bad SBP packet in sink");
-        if (active_ && callbacks_.serviceTerminatedCallback) {
-            host()->callApplication([&] {
-                callbacks_.serviceTerminatedCallback(host()->endpointHandle(), serviceId(),
-                                                     sourceContext_);
-            });
-        }
-        active_ = false;
-        if (host()->hasSession()) host()->sendServiceResponse(serviceId(), kBadPacket);
+        endService(kBadPacket);
+        if (host()->hasSession()) host()->sendServiceResponse(serviceId(), kMalformedPacket);
         return;
     }
     if (SBPRequest* pending = requests_.find(packet.command, packet.uid)) {
@@ -357,8 +367,13 @@ void ZELSBPSource::sendGetResponse(uint32_t command, uint32_t uid, uint32_t resu
     }
     uint16_t packetId = request->packetId;
     if (command != zelcdbsdk::kSBPSubscribe) requests_.remove(*request);
-    sendPacket(zelcdbsdk::kSBPResponse, uid, packetId, result, data, size,
-               "Error building Get response: %d");
+    if (!sendPacket(zelcdbsdk::kSBPResponse, uid, packetId, result, data, size,
+                    "Error building Get response: %d") &&
+        size > 0 && host()->hasSession()) {
+        // The data could not go: the sink hears a failure now rather than a time-out later.
+        sendPacket(zelcdbsdk::kSBPResponse, uid, packetId, zelcdbsdk::kSBPResultFailed, nullptr, 0,
+                   "Error building error response: %d");
+    }
 }
 
 void ZELSBPSource::sendSetResponse(uint32_t uid, uint32_t result) {
@@ -416,9 +431,17 @@ void ZELSBPSource::sendServiceAuthChallenge(uint32_t command, uint32_t uid, cons
         log_.debug("no packet ID record for service auth challenge");
         return;
     }
-    sendPacket(zelcdbsdk::kSBPServiceAuthChallenge, uid, request->packetId,
-               zelcdbsdk::kSBPChallengeMarker, data, size,
-               "Error building service auth challenge: %d");
+    if (!sendPacket(zelcdbsdk::kSBPServiceAuthChallenge, uid, request->packetId,
+                    zelcdbsdk::kSBPChallengeMarker, data, size,
+                    "Error building service auth challenge: %d")) {
+        // A challenge that cannot go ends its request, with the failure the sink can read.
+        SBPPacket answered;
+        answered.uid = uid;
+        answered.packetId = request->packetId;
+        requests_.remove(*request);
+        respond(answered, zelcdbsdk::kSBPResultFailed, "Error building error response: %d");
+        return;
+    }
     request->flags |= SBPRequest::kChallengeSent;
     request->timer.start(kChallengeMs);
 }

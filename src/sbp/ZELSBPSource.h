@@ -49,15 +49,20 @@ public:
 
 private:
     // Builds and sends one packet; errorFormat ("... %d") is logged with the SDK error when
-    // it cannot be built or there is no session to take it.
-    void sendPacket(uint8_t command, uint32_t uid, uint16_t packetId, uint32_t commandValue,
+    // it cannot be built, is too long, or there is no session to take it (false).
+    bool sendPacket(uint8_t command, uint32_t uid, uint16_t packetId, uint32_t commandValue,
                     const uint8_t* payload, size_t size, const char* errorFormat);
     void respond(const zelcdbsdk::SBPPacket& request, uint32_t result, const char* errorFormat);
     // Records a request the application will answer later; null when out of memory.
     zelcdbsdk::SBPRequest* record(const zelcdbsdk::SBPPacket& request);
-    // Ends a started service: inactive, the application's service-stop callback asked,
-    // every request dropped. True when the application refused the stop.
-    bool endService();
+    // What ended a started service: a StopService or the end of the session (the
+    // application's service-stop callback is asked), or a malformed packet (its
+    // service-terminated callback is told).
+    enum Ending { kStopped, kBadPacket };
+    // The one way a started service ends, whatever ends it: inactive, the application told,
+    // every request and subscription dropped with its timer. True when the application
+    // refused the stop.
+    bool endService(Ending why);
 
     void handleGet(const zelcdbsdk::SBPPacket& packet);
     void handleSet(const zelcdbsdk::SBPPacket& packet);

@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "cdb/CDBService.h"
+#include "cdb/CDBWire.h"
 #include "sbp/SBPPacket.h"
 #include "sbp/ZELSBPSink.h"
 #include "sbp/ZELSBPSource.h"
@@ -64,8 +65,9 @@ ZELCDBError post(ZELCDBEndpoint* endpoint, Args... args) {
     });
 }
 
+// Oversized data is refused on SBP entries too: the peer drops it, or sending ends the link.
 bool badBuffer(const uint8_t* data, uint32_t size) {
-    return data == nullptr && size > 0;
+    return (data == nullptr && size > 0) || size > kMaxServicePayloadLength - kSBPPacketOverhead;
 }
 
 ZELCDBError sinkSendGet(ZELCDBEndpoint* endpoint, uint16_t serviceId, void* context, uint32_t uid) {

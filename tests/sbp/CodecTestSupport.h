@@ -14,11 +14,12 @@
 #include <type_traits>
 #include <vector>
 
+#include "TestText.h"
 #include "zelcdbsdk.h"
 
 namespace sbptest {
 
-using Bytes = std::vector<uint8_t>;
+using zeltest::Bytes;
 
 // Filled on first use, never during static initialisation.
 inline const ZELCDBSDK& api() {
@@ -30,29 +31,10 @@ inline const ZELCDBSDK& api() {
     return table;
 }
 
+using zeltest::hex;
+using zeltest::parseHex;
 inline std::string hexWord(uint64_t value, int digits) {
-    char text[20];
-    std::snprintf(text, sizeof text, "%0*" PRIX64, digits, value);
-    return text;
-}
-inline std::string hex(const void* data, size_t length, const char* separator = " ") {
-    std::string out;
-    for (size_t i = 0; i < length; ++i) {
-        out += (i == 0 ? "" : separator) + hexWord(static_cast<const uint8_t*>(data)[i], 2);
-    }
-    return out;
-}
-inline std::string hex(const Bytes& bytes) {
-    return hex(bytes.data(), bytes.size());
-}
-
-// "01 02A1" -> bytes; spaces may go between bytes.
-inline Bytes parseHex(const std::string& text) {
-    Bytes out;
-    for (size_t i = 0; (i = text.find_first_not_of(' ', i)) != std::string::npos; i += 2) {
-        out.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-    }
-    return out;
+    return zeltest::format("%0*" PRIX64, digits, value);
 }
 
 // One serializer call of a script token; see run().

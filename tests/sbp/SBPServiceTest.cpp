@@ -1,375 +1,212 @@
-// An SBP sink and an SBP source back to back on one thread: each one's host hands its
-// packets straight to the other, and a manual clock drives every time-out.
+// The per-request rules of SBP sinks and sources: what the peer or the application does, and
+// what the unit must send and report because of it.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include "SBPScript.h"
 
-#include "cdb/CDBEndpointHost.h"
-#include "plat/ManualClock.h"
-#include "plat/RecordingLogger.h"
-#include "plat/TimerManager.h"
-#include "sbp/SBPPacket.h"
-#include "sbp/ZELSBPSink.h"
-#include "sbp/ZELSBPSource.h"
-
+namespace sbptest {
 namespace {
 
-using zelcdbsdk::SBPPacket;
-using Bytes = std::vector<uint8_t>;
-
-constexpr uint16_t kServiceId = 0x4001;
-constexpr uint32_t kUid = 0x11223344;
-
-// What one side sent: SBP packets (parsed) and CDB-level answers.
-struct Host : zelcdbsdk::CDBEndpointHost {
-    zelcdbsdk::CDBService::Handler* peer = nullptr;  // receives our payloads
-    bool deliver = true;
-    std::vector<SBPPacket> packets;
-    std::vector<uint16_t> responses;
-    int stops = 0;
-    int depth = 0;
-
-    ZELCDBEndpoint* endpointHandle() override { return nullptr; }
-    void* endpointContext() override { return this; }
-    void enterCallback() override { ++depth; }
-    void leaveCallback() override { --depth; }
-    bool hasSession() override { return true; }
-    void sendServicePayload(uint16_t, const uint8_t* data, size_t length) override {
-        SBPPacket p;
-        EXPECT_EQ(zelcdbsdk::readSBPPacket(data, length, {"test", nullptr}, &p), 0);
-        packets.push_back(p);
-        if (deliver) outbox.emplace_back(data, data + length);
-    }
-    std::vector<Bytes> outbox;  // delivered by the test's pump(), as a network would later
-    void sendServiceResponse(uint16_t, uint16_t code) override { responses.push_back(code); }
-    void stopPeerService(uint16_t) override { ++stops; }
-    std::vector<uint32_t> values() const {
-        std::vector<uint32_t> v;
-        for (const SBPPacket& p : packets) v.push_back(p.commandValue);
-        return v;
-    }
+struct Row {
+    const char* rule;
+    const char* steps;
+    const char* trace;
 };
 
-// Everything the sink's application hears, as lines.
-struct SinkApp {
-    std::vector<std::string> events;
-    static SinkApp* of(void* c) { return static_cast<SinkApp*>(c); }
-    static std::string hex(uint32_t v) {
-        char b[16];
-        std::snprintf(b, sizeof b, "%x", v);
-        return b;
-    }
-    static ZELSBPSinkCallbacks table() {
-        ZELSBPSinkCallbacks t{};
-        t.serviceStatusCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c, uint16_t s) {
-            of(c)->events.push_back("status " + std::to_string(s));
-        };
-        t.dataCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void*, uint32_t cmd, uint32_t,
-                            const uint8_t*, int32_t size) {
-            of(c)->events.push_back("data " + hex(cmd) + " " + std::to_string(size));
-        };
-        t.subscribedCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void*, uint32_t) {
-            of(c)->events.push_back("subscribed");
-        };
-        t.cancelledCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void*, uint32_t cmd,
-                                 uint32_t) { of(c)->events.push_back("cancelled " + hex(cmd)); };
-        t.errorCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void*, uint32_t cmd, uint32_t,
-                             ZELCDBError e, uint32_t v) {
-            of(c)->events.push_back("error " + hex(cmd) + " " + std::to_string(e) + " " + hex(v));
-        };
-        t.authChallengeCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void*, uint32_t cmd,
-                                     uint32_t, const uint8_t*, int32_t size) {
-            of(c)->events.push_back("challenge " + hex(cmd) + " " + std::to_string(size));
-        };
-        t.aliveResponseCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void*) {
-            of(c)->events.push_back("alive");
-        };
-        return t;
-    }
+const Row kSinkRows[] = {
+    {"requests go out with packetIds counting up; the type goes into the top byte as given",
+     "get 5; set 6 +8; subscribe 5 1 ffffff; cancel 5 b3; alive 0; subscribe 6 7f 1",
+     "Get #1 5 | Set #2 6 +8 | Subscribe #3 5 1ffffff | Cancel #4 5 b3 | "
+     "AliveRequest #5 0 | Subscribe #6 6 7f000001"},
+    {"answers reach the application with each request's context",
+     "get 5 @g; Response #1 5 0 +8; set 6 +5 @s; Response #2 6; alive 0 @a; "
+     "AliveResponse #3 0",
+     "Get #1 5 | data@g b1 5 +8 | Set #2 6 +5 | setdone@s 6 | AliveRequest #3 0 | alive@a"},
+    {"a subscription is acknowledged, updated with no time-out, cancelled, then forgotten",
+     "subscribe 7 0 3e8 @u; Response #1 7; Response #1 7 0 +6; +10000; cancel 7 b3 @c; "
+     "Response #1 7 1000000b; Response #2 7; subscribe 7 0 3e8",
+     "Subscribe #1 7 3e8 | subscribed@u 7 | data@u b3 7 +6 | Cancel #2 7 b3 | "
+     "error@u b3 7 14 1000000b | cancelled@c b3 7 | Subscribe #3 7 3e8"},
+    {"a second request for the same element is refused before it leaves",
+     "get 5; get 5 @d; set 5 +6", "Get #1 5 | error@d b1 5 13 10000008 | Set #2 5 +6"},
+    {"answers to another element or packetId are ignored; in progress restarts the 5 s",
+     "get 5; Response #1 6; Response #9 5; +4999; Response #1 5 10000000; +4999; +1; get 5",
+     "Get #1 5 | 9999: error b1 5 12 0 | Get #2 5"},
+    {"a refusal below the in-progress mark stops the service",
+     "get 5; Response #1 5 fffffff; get 6; Response #2 6 10000009",
+     "Get #1 5 | error b1 5 14 fffffff | StopService | Get #2 6 | error b1 6 14 10000009"},
+    {"an unanswered Subscribe is cancelled and the Cancel's answer reaches no one",
+     "subscribe 5 0 3e8 @u; +4999; +1; Response #2 5; Response #1 5; subscribe 5 0 3e8",
+     "Subscribe #1 5 3e8 | 5000: error@u b3 5 12 0 | 5000: Cancel #2 5 b3 | "
+     "Subscribe #3 5 3e8"},
+    {"a reused record forgets that its Cancel was sent",
+     "subscribe 5 0 3e8; +5000; get 9; Response #2 5; Response #3 9; get 6; "
+     "Response #4 6 0 +6",
+     "Subscribe #1 5 3e8 | 5000: error b3 5 12 0 | 5000: Cancel #2 5 b3 | Get #3 9 | "
+     "data b1 9 | Get #4 6 | data b1 6 +6"},
+    {"Alive repeats, is refused while one is unanswered, and silence stops the service",
+     "alive 3 @a; AliveResponse #1 0; +3000; AliveResponse #2 0; +3000; +3000; +1999; +1; "
+     "+30000",
+     "AliveRequest #1 0 | alive@a | 3000: AliveRequest #2 0 | alive@a | "
+     "6000: AliveRequest #3 0 | 9000: error@a b5 0 13 10000008 | "
+     "11000: error@a b5 0 12 0 | 11000: StopService | "
+     "11000: ! Warning: AliveResponse timeout, stopping service"},
+    {"Alive 0 sends one and stops repeating, a negative interval only stops",
+     "alive 1; AliveResponse #1 0; alive 0; AliveResponse #2 0; +1000; alive 1; "
+     "AliveResponse #3 0; alive -1; +3000",
+     "AliveRequest #1 0 | alive | AliveRequest #2 0 | alive | AliveRequest #3 0 | alive"},
+    {"a challenge stops the clock until the application answers it",
+     "get 5 @g; Challenge #1 5 80000000 +6; +9000; auth b1 5 0 +6; +4999; +1; auth b2 5 0",
+     "Get #1 5 | challenge@g b1 5 +6 | AuthResponse #1 5 +6 | "
+     "14000: error@g b1 5 12 0 | error b2 5 13 10000009"},
+    {"a challenge without its marker is refused by the sink; strangers are ignored",
+     "get 5; Challenge #1 5 12345678; Challenge #1 6 80000000; Challenge #7 5 80000000",
+     "Get #1 5 | AuthResponse #1 5 10000002"},
+    {"stopped, it drops its requests and refuses payloads; the link's end is a stop",
+     "get 5; status 2; Response #1 5 0 +8; status 1; Response #1 5 0 +8; get 5; alive 3; "
+     "end; +10000; end; status 102; Response #1 5",
+     "Get #1 5 | status 2 | ServiceResponse 102 | status 1 | Get #2 5 | "
+     "AliveRequest #3 0 | status 2 | status 102 | ServiceResponse 102"},
+    {"a malformed packet stops the peer's service", "raw B5 00; nosession; raw B5 00",
+     "! Warning: bad SBP packet in sink | StopService | ! Warning: bad SBP packet in sink"},
 };
 
-// The source's application: answers as the test tells it.
-struct SourceApp {
-    ZELCDBError answer = ZELCDBErrorLocalSBPError;
-    uint32_t result = 0;
-    uint32_t setInterval = 0;  // 0: leave the interval as requested
-    std::vector<std::string> events;
-    static SourceApp* of(void* c) { return static_cast<SourceApp*>(c); }
-    static ZELSBPSourceCallbacks table() {
-        ZELSBPSourceCallbacks t{};
-        t.getCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t cmd, uint32_t,
-                           uint32_t* result) {
-            of(c)->events.push_back("get " + SinkApp::hex(cmd));
-            *result = of(c)->result;
-            return of(c)->answer;
-        };
-        t.subscribeCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t, uint32_t*,
-                                 uint32_t* interval, uint32_t* result) {
-            SourceApp* app = of(c);
-            if (app->setInterval) *interval = app->setInterval;
-            *result = app->result;
-            return app->answer;
-        };
-        t.cancelCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t cmd, uint32_t) {
-            of(c)->events.push_back("cancel " + SinkApp::hex(cmd));
-        };
-        return t;
-    }
+const Row kSourceRows[] = {
+    {"a Get answered at once, refused, or failed; Alive answered by the source itself",
+     "Get #1 5; answer now 1000000c; Get #2 6; answer fail; Set #3 7 +6; AliveRequest #4 0",
+     "get b1 5 | Response #1 5 | get b1 6 | Response #2 6 1000000c | set 7 +6 | "
+     "Response #3 7 10000002 | AliveResponse #4 0"},
+    {"an answer owed is kept alive with in-progress every 4 s",
+     "answer later; Get #1 5; +3999; +1; +4000; reply b1 5 0 +9; +4000; reply b1 5 0",
+     "get b1 5 | 4000: Response #1 5 10000000 | 8000: Response #1 5 10000000 | "
+     "Response #1 5 +9"},
+    {"a Set answered later; a second answer finds no record",
+     "answer later; Set #2 6 +5; setdone 6 1000000c; setdone 6 0",
+     "set 6 +5 | Response #2 6 1000000c"},
+    {"a second request for a pending element is refused; a Cancel ends the first",
+     "answer later; Get #1 5; Get #2 5; Set #3 5 +6; Cancel #4 5 b1; Get #5 5",
+     "get b1 5 | ! command 177 / 5 already pending | Response #2 5 10000008 | set 5 +6 | "
+     "Response #1 5 1000000b | cancel b1 5 | Response #4 5 | get b1 5"},
+    {"a packetId the peer reuses replaces the request that held it",
+     "answer later; Get #1 5; Set #1 6 +6; reply b1 5 0; setdone 6 0",
+     "get b1 5 | set 6 +6 | Response #1 6"},
+    {"unknown commands, a Response, and Cancels of nothing are answered so",
+     "0xba #1 5; Response #2 5; Cancel #3 5 b3; Cancel #4 5 ba; Cancel #5 5 b0",
+     "Response #1 5 1000000d | Response #2 5 1000000d | Response #3 5 10000009 | "
+     "Response #4 5 10000009 | Response #5 5 10000009"},
+    {"a periodic subscription ticks with the application's updates until cancelled",
+     "Subscribe #1 5 3e8; +1000; answer later; +1000; reply b3 5 0 +9; +1000; "
+     "Cancel #2 5 b3; +5000",
+     "subscribe 5 0 3e8 | Response #1 5 | 1000: get b3 5 | 1000: Response #1 5 | "
+     "2000: get b3 5 | Response #1 5 +9 | 3000: get b3 5 | Response #1 5 1000000b | "
+     "cancel b3 5 | Response #2 5"},
+    {"an update that failed keeps the subscription only when it says so",
+     "Subscribe #1 5 3e8; answer now 10000006; +1000; answer now 1000000c; +1000; +1000",
+     "subscribe 5 0 3e8 | Response #1 5 | 1000: get b3 5 | 1000: Response #1 5 10000006 | "
+     "2000: get b3 5 | 2000: Response #1 5 1000000c"},
+    {"an update the application cannot give ends the subscription",
+     "Subscribe #1 6 3e8; answer fail; +1000; +1000",
+     "subscribe 6 0 3e8 | Response #1 6 | 1000: get b3 6 | "
+     "1000: ! Warning: error getting update for period subscription | "
+     "1000: Response #1 6 10000006"},
+    {"interval 0 is refused unless the application sets one", "Subscribe #1 5",
+     "subscribe 5 0 0 | ! Warning: invalid interval requested | Response #1 5 10000003"},
+    {"the application's interval counts", "interval 3e8; Subscribe #1 5; +1000",
+     "subscribe 5 0 0 | Response #1 5 | 1000: get b3 5 | 1000: Response #1 5"},
+    {"an interval past 24 bits is refused", "interval 1000000; Subscribe #1 5 3e8",
+     "subscribe 5 0 3e8 | ! Warning: invalid interval requested | Response #1 5 10000003"},
+    {"on change, interval 1: no ticks", "Subscribe #1 5 1000001; +5",
+     "subscribe 5 1 1 | Response #1 5"},
+    {"the longest interval is allowed", "Subscribe #1 5 1ffffff",
+     "subscribe 5 1 ffffff | Response #1 5"},
+    {"type 2 the application leaves open", "Subscribe #1 5 2000064",
+     "subscribe 5 2 64 | ! Warning: application failed to indicate subscription type | "
+     "Response #1 5 10000004"},
+    {"type 2 made periodic", "type 0; Subscribe #1 5 20003e8; +1000",
+     "subscribe 5 2 3e8 | Response #1 5 | 1000: get b3 5 | 1000: Response #1 5"},
+    {"type 2 made on change", "type 1; Subscribe #1 5 20003e8; +1000",
+     "subscribe 5 2 3e8 | Response #1 5"},
+    {"type 3 never reaches the application", "Subscribe #1 5 30003e8",
+     "! Warning: invalid subscription type requested | Response #1 5 10000004"},
+    {"a subscription refused or failed",
+     "answer now 1000000c; Subscribe #1 5 3e8; answer fail; Subscribe #2 6 3e8",
+     "subscribe 5 0 3e8 | Response #1 5 1000000c | subscribe 6 0 3e8 | "
+     "Response #2 6 10000002"},
+    {"a subscription accepted later ticks from then on; a second answer is ignored",
+     "answer later; Subscribe #1 5 3e8; +4000; answer now 0; subscribed 5 0; "
+     "subscribed 5 0; +1000; subscribed 9 0",
+     "subscribe 5 0 3e8 | 4000: Response #1 5 10000000 | Response #1 5 | "
+     "! Warning: ignoring second response to subscribe | 5000: get b3 5 | "
+     "5000: Response #1 5"},
+    {"a subscription refused later is forgotten",
+     "answer later; Subscribe #1 5 3e8; subscribed 5 10000002; +8000",
+     "subscribe 5 0 3e8 | Response #1 5 10000002"},
+    {"a challenge's answer reaches the application, which then owes the data",
+     "answer later; Get #1 6; challenge b1 6 +6; AuthResponse #1 5 +6; AuthResponse #2 6; "
+     "AuthResponse #1 6 10000002 +6; AuthResponse #1 6; +3999; +1; reply b1 6 0 +9",
+     "get b1 6 | Challenge #1 6 80000000 +6 | "
+     "! Warning: auth response with wrong object UID (expected 6, received 5) | "
+     "! Warning: auth response when no challenge pending | auth b1 6 10000002 +6 | "
+     "! Warning: auth response when no challenge pending | "
+     "4000: Response #1 6 10000000 | Response #1 6 +9"},
+    {"an unanswered challenge times out after 5 s and frees the request",
+     "answer later; Get #1 6; challenge b1 6; challenge b1 7; +4999; +1; Get #2 6",
+     "get b1 6 | Challenge #1 6 80000000 | "
+     "5000: ! Sink failed to respond to authentication challenge | "
+     "5000: Response #1 6 10000007 | get b1 6"},
+    {"start and stop, each twice, and a stop the application refuses",
+     "start; stop; stop; Get #1 5; start; refuse; stop; Get #2 5",
+     "ServiceResponse 101 | stopped | ServiceResponse 2 | ServiceResponse 102 | "
+     "ServiceResponse 102 | started | ServiceResponse 1 | stopped | ServiceResponse 202 | "
+     "ServiceResponse 102"},
+    {"a malformed packet terminates the service until the peer starts it again",
+     "answer later; Get #1 5; raw B5 00; Get #2 6; start; Get #3 7",
+     "get b1 5 | ! Warning: bad SBP packet in sink | terminated | ServiceResponse 203 | "
+     "ServiceResponse 102 | started | ServiceResponse 1 | get b1 7"},
+    {"the link's end stops the service silently and drops its requests",
+     "answer later; Get #1 5; Subscribe #2 6 3e8; end; +10000; end; Get #3 5",
+     "get b1 5 | subscribe 6 0 3e8 | stopped | ServiceResponse 102"},
+    {"the link's end also drops what a stopped service still held",
+     "answer later; Get #1 5; raw B5 00; end; start; Get #2 5",
+     "get b1 5 | ! Warning: bad SBP packet in sink | terminated | ServiceResponse 203 | "
+     "started | ServiceResponse 1 | get b1 5"},
+    {"without a session nothing is sent, and each attempt is logged",
+     "nosession; AliveRequest #1 0; stop; start; Get #2 5",
+     "! Error building alive response: 7 | "
+     "! Warning: service stop with no active session | "
+     "! Warning: service start with no active session | get b1 5 | "
+     "! Error building Get response: 7"},
 };
 
-class SBPServiceTest : public ::testing::Test {
-protected:
-    SBPServiceTest() : useClock_(&clock_), useLogger_(&logger_) {
-        sinkCallbacks_ = SinkApp::table();
-        sourceCallbacks_ = SourceApp::table();
-        sink_ = new ZELSBPSink(&sinkHost_, kServiceId, &sinkApp_, &sinkCallbacks_,
-                               sizeof sinkCallbacks_);
-        source_ =
-            new ZELSBPSource(&sourceHost_, &sourceApp_, &sourceCallbacks_, sizeof sourceCallbacks_);
-        source_->setServiceId(kServiceId);
-        sinkHost_.peer = source_;
-        sourceHost_.peer = sink_;
-    }
-    ~SBPServiceTest() override {
-        sink_->release();
-        source_->release();
-    }
-    // Starts the service as the session would: the source answers, the sink hears it.
-    void startService() {
-        source_->startService({1, 0});
-        ASSERT_EQ(sourceHost_.responses.back(), 1);
-        sink_->serviceResponse(1);
-        sinkApp_.events.clear();
-    }
-    void advance(int ms) {
-        clock_.advanceMs(ms);
-        timers_.processTimers();
-        pump();
-    }
-    // Delivers what each side sent to the other until both are quiet.
-    void pump() {
-        for (bool moved = true; moved;) {
-            moved = false;
-            for (Host* host : {&sinkHost_, &sourceHost_}) {
-                if (host->outbox.empty()) continue;
-                Bytes packet = host->outbox.front();
-                host->outbox.erase(host->outbox.begin());
-                host->peer->servicePayload(packet.data(), packet.size());
-                moved = true;
-            }
-        }
-    }
-    bool logged(const std::string& text) const {
-        for (const auto& line : logger_.lines) {
-            if (line.text == text) return true;
-        }
-        return false;
-    }
-
-    plat::ManualClock clock_;
-    plat::ScopedClock useClock_;
-    zeltest::RecordingLogger logger_;
-    plat::ScopedCurrentLogger useLogger_;
-    plat::TimerManager timers_;
-    Host sinkHost_, sourceHost_;
-    SinkApp sinkApp_;
-    SourceApp sourceApp_;
-    ZELSBPSinkCallbacks sinkCallbacks_;
-    ZELSBPSourceCallbacks sourceCallbacks_;
-    ZELSBPSink* sink_;
-    ZELSBPSource* source_;
-};
-
-using Events = std::vector<std::string>;
-
-TEST_F(SBPServiceTest, SlowGetIsKeptAliveAndADuplicateRefusedLocally) {
-    startService();
-    sourceApp_.answer = ZELCDBErrorNone;  // answer later, so the Get stays outstanding
-    sink_->sendGet(nullptr, kUid);
-    pump();
-    sink_->sendGet(nullptr, kUid);
-    pump();
-    EXPECT_EQ(sinkHost_.packets.size(), 1u);  // the duplicate never left
-    EXPECT_EQ(sinkApp_.events, (Events{"error b1 13 10000008"}));
-    for (int s = 1; s <= 10; ++s) advance(1000);  // the application needs 10 s
-    // 0x10000000 at 4 s and 8 s; each gives the sink another 5 s.
-    EXPECT_EQ(sourceHost_.values(), (std::vector<uint32_t>{0x10000000, 0x10000000}));
-    EXPECT_EQ(sinkApp_.events.size(), 1u);
-    source_->sendGetResponse(0xB1, kUid, 0, Bytes(8, 1).data(), 8);
-    pump();
-    EXPECT_EQ(sinkApp_.events.back(), "data b1 8");
-    EXPECT_TRUE(sink_->requests().empty());
-    EXPECT_TRUE(source_->requests().empty());
+TEST(SBPServiceTest, SinkRows) {
+    for (const Row& row : kSinkRows)
+        EXPECT_EQ(SBPScript(true).run(row.steps), row.trace) << row.rule;
 }
 
-TEST_F(SBPServiceTest, UnansweredSubscribeTimesOutAndItsCancelIsSwallowed) {
-    startService();
-    sinkHost_.deliver = false;  // the source never hears it
-    sink_->sendSubscribe(nullptr, kUid, 0, 100);
-    pump();
-    advance(4999);
-    EXPECT_TRUE(sinkApp_.events.empty());
-    advance(1);
-    EXPECT_EQ(sinkApp_.events, (Events{"error b3 12 0"}));
-    ASSERT_EQ(sinkHost_.packets.size(), 2u);
-    EXPECT_EQ(sinkHost_.packets[1].command, 0xB4);
-    EXPECT_EQ(sinkHost_.packets[1].commandValue, 0xB3u);
-    // The source answers the Cancel: no application callback hears of it.
-    rdr::MemOutStream out;
-    zelcdbsdk::writeSBPPacket(out, 0xB9, kUid, sinkHost_.packets[1].packetId, 0, nullptr, 0);
-    sink_->servicePayload(out.data(), out.length());
-    EXPECT_EQ(sinkApp_.events.size(), 1u);
-    EXPECT_TRUE(sink_->requests().empty());
-}
-
-TEST_F(SBPServiceTest, PeriodicSubscriptionTicksUntilCancelled) {
-    startService();
-    sink_->sendSubscribe(nullptr, kUid, 0, 250);
-    pump();
-    EXPECT_EQ(sinkApp_.events, (Events{"subscribed"}));
-    sourceApp_.events.clear();
-    advance(250);
-    advance(250);
-    EXPECT_EQ(sourceApp_.events, (Events{"get b3", "get b3"}));
-    EXPECT_EQ(sinkApp_.events, (Events{"subscribed", "data b3 0", "data b3 0"}));
-    sink_->sendCancel(nullptr, kUid, 0xB3);
-    pump();
-    // The subscription hears 0x1000000B (an error to the sink), the Cancel hears 0.
-    EXPECT_EQ(sinkApp_.events.back(), "cancelled b3");
-    EXPECT_EQ(sourceApp_.events.back(), "cancel b3");
-    EXPECT_TRUE(sink_->requests().empty());
-    EXPECT_TRUE(source_->requests().empty());
-    advance(1000);
-    EXPECT_EQ(sourceApp_.events.back(), "cancel b3");  // no tick after the Cancel
-}
-
-TEST_F(SBPServiceTest, SubscribeRefusals) {
-    startService();
-    struct Case {
-        uint32_t type, interval, setInterval;
-        ZELCDBError answer;
-        uint32_t result, expected;
-    } cases[] = {
-        {0, 0, 0, ZELCDBErrorLocalSBPError, 0, 0x10000003},    // interval 0
-        {0, 0, 500, ZELCDBErrorLocalSBPError, 0, 0},           // the app fixes it
-        {2, 100, 0, ZELCDBErrorLocalSBPError, 0, 0x10000004},  // type left at 2
-        {3, 100, 0, ZELCDBErrorLocalSBPError, 0, 0x10000004},  // no such type
-        {1, 100, 0, ZELCDBErrorLocalSBPError, 0x10000002, 0x10000002},
-        {1, 100, 0, ZELCDBErrorFailed, 0, 0x10000002},
-    };
-    uint32_t uid = 1;
-    for (const Case& c : cases) {
-        sourceApp_.setInterval = c.setInterval;
-        sourceApp_.answer = c.answer;
-        sourceApp_.result = c.result;
-        sink_->sendSubscribe(nullptr, ++uid, c.type, c.interval);
-        pump();
-        EXPECT_EQ(sourceHost_.packets.back().commandValue, c.expected) << uid;
+TEST(SBPServiceTest, SourceRows) {
+    for (const Row& row : kSourceRows) {
+        EXPECT_EQ(SBPScript(false).run(row.steps), row.trace) << row.rule;
     }
 }
 
-TEST_F(SBPServiceTest, RemoteErrorsBelowTheInProgressMarkStopTheService) {
-    startService();
-    sourceApp_.result = 5;
-    sink_->sendGet(nullptr, kUid);
-    pump();
-    EXPECT_EQ(sinkApp_.events, (Events{"error b1 14 5"}));
-    EXPECT_EQ(sinkHost_.stops, 1);
-    sourceApp_.result = 0x10000009;
-    sink_->sendGet(nullptr, kUid + 1);
-    pump();
-    EXPECT_EQ(sinkHost_.stops, 1);
+TEST(SBPServiceTest, WithoutTheCallbackTheSinkRefusesEveryChallenge) {
+    SBPScript script(true);
+    script.sinkCallbacks.authChallengeCallback = nullptr;
+    EXPECT_EQ(script.run("get 5; Challenge #1 5 80000000 +6; +4999; +1"),
+              "Get #1 5 | AuthResponse #1 5 10000002 | 5000: error b1 5 12 0");
 }
 
-TEST_F(SBPServiceTest, AliveRepeatsAndAMissingAnswerStopsTheService) {
-    startService();
-    sink_->sendAlive(nullptr, 3);
-    pump();
-    EXPECT_EQ(sinkApp_.events, (Events{"alive"}));  // answered without any source callback
-    advance(3000);
-    advance(3000);
-    EXPECT_EQ(sinkApp_.events.size(), 3u);
-    sinkHost_.deliver = false;
-    advance(3000);
-    advance(3000);  // the next one finds the last still outstanding
-    EXPECT_EQ(sinkApp_.events.back(), "error b5 13 10000008");
-    advance(2000);
-    EXPECT_EQ(sinkApp_.events.back(), "error b5 12 0");
-    EXPECT_EQ(sinkHost_.stops, 1);
-    EXPECT_TRUE(logged("Warning: AliveResponse timeout, stopping service"));
-    size_t sent = sinkHost_.packets.size();
-    advance(30000);
-    EXPECT_EQ(sinkHost_.packets.size(), sent);  // the periodic Alive stopped
-}
-
-TEST_F(SBPServiceTest, StatusAndActivity) {
-    // Before any start both sides refuse payloads at the CDB level.
-    sink_->sendGet(nullptr, kUid);
-    pump();
-    EXPECT_EQ(sinkHost_.responses, (std::vector<uint16_t>{}));
-    EXPECT_EQ(sourceHost_.responses, (std::vector<uint16_t>{0x0102}));
-    source_->startService({1, 0});
-    source_->startService({1, 0});
-    source_->stopService();
-    source_->stopService();
-    EXPECT_EQ(sourceHost_.responses, (std::vector<uint16_t>{0x0102, 1, 0x0101, 2, 0x0102}));
-    startService();
-    sourceApp_.answer = ZELCDBErrorNone;
-    sink_->sendGet(nullptr, 7);
-    pump();
-    EXPECT_EQ(sink_->requests().size(), 2u);  // the first Get, unanswered, is still there
-    sink_->serviceResponse(2);
-    EXPECT_TRUE(sink_->requests().empty());
-    EXPECT_FALSE(sink_->active());
-    EXPECT_EQ(sinkApp_.events, (Events{"status 2"}));
-    sourceHost_.packets.clear();
-    advance(10000);
-    // The source still asks for patience; the sink, inactive, answers the CDB way.
-    EXPECT_EQ(sinkHost_.responses.back(), 0x0102);
-}
-
-TEST_F(SBPServiceTest, ChallengeGoesToTheApplicationOrIsRefusedAtOnce) {
-    startService();
-    sourceApp_.answer = ZELCDBErrorNone;
-    sink_->sendGet(nullptr, kUid);
-    pump();
-    source_->sendServiceAuthChallenge(0xB1, kUid, Bytes(3, 7).data(), 3);
-    pump();
-    EXPECT_EQ(sinkApp_.events, (Events{"challenge b1 0"}));  // a payload of 3 reads as none
-    sink_->sendServiceAuthResponse(nullptr, 0xB1, kUid, 0, Bytes(6, 1).data(), 6);
-    pump();
-    EXPECT_FALSE(logged("Warning: auth response when no challenge pending"));
-    sink_->sendServiceAuthResponse(nullptr, 0xB2, kUid, 0, nullptr, 0);
-    pump();
-    EXPECT_EQ(sinkApp_.events.back(), "error b2 13 10000009");
-    // Without the callback the sink refuses the challenge itself.
-    sinkCallbacks_.authChallengeCallback = nullptr;
-    ZELSBPSink* plain =
-        new ZELSBPSink(&sinkHost_, kServiceId, &sinkApp_, &sinkCallbacks_, sizeof sinkCallbacks_);
-    sourceHost_.peer = plain;
-    plain->serviceResponse(1);
-    sinkHost_.packets.clear();
-    plain->sendGet(nullptr, 9);
-    pump();
-    source_->sendServiceAuthChallenge(0xB1, 9, nullptr, 0);
-    pump();
-    ASSERT_EQ(sinkHost_.packets.size(), 2u);
-    EXPECT_EQ(sinkHost_.packets[1].command, 0xB8);
-    EXPECT_EQ(sinkHost_.packets[1].commandValue, 0x10000002u);
-    sourceHost_.peer = sink_;
-    plain->release();
-}
-
-TEST_F(SBPServiceTest, BadPacketsEndTheSourceAndStopTheSink) {
-    startService();
-    Bytes junk(20, 0);
-    sink_->servicePayload(junk.data(), junk.size());
-    EXPECT_EQ(sinkHost_.stops, 1);
-    EXPECT_TRUE(logged("Warning: bad SBP packet in sink"));
-    source_->servicePayload(junk.data(), junk.size());
-    EXPECT_FALSE(source_->active());
-    EXPECT_EQ(sourceHost_.responses.back(), 0x0203);
+TEST(SBPServiceTest, SinkPacketIdsWrapPastThoseInUseAndRunOut) {
+    SBPScript script(true);
+    script.run("");
+    script.tracing = false;
+    for (uint32_t uid = 1; uid <= 0xFFFF; ++uid) script.sink->sendGet(nullptr, uid);
+    script.tracing = true;
+    EXPECT_EQ(script.run("get 10000; Response #7 7; Response #3 3; get 10001; get 10002; "
+                         "get 10003"),
+              "error b1 10000 13 1000000a | data b1 7 | data b1 3 | Get #3 10001 | "
+              "Get #7 10002 | error b1 10003 13 1000000a");
 }
 
 }  // namespace
+}  // namespace sbptest

@@ -1,9 +1,8 @@
 #pragma once
 
-// An application as the endpoint tests see it: one endpoint driven through the C function
-// table only, with every callback recorded as a line of text, and hooks that let a test act
-// from inside a callback. Plus loopback helpers: free ports, silent raw peers, and counts of
-// the process's threads and descriptors.
+// Applications as the endpoint tests see them: an endpoint driven through the C function
+// table only, every callback (plain CDB and SBP alike) recorded as a line of text, and a
+// hook to act from inside a callback. Plus loopback and process-resource helpers.
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -12,12 +11,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -29,6 +30,9 @@
 #include "zelcdbsdk.h"
 
 namespace sdktest {
+
+using Bytes = std::vector<uint8_t>;
+using Lines = std::vector<std::string>;
 
 // How long a test waits for another thread before it gives up and fails.
 constexpr auto kPatience = std::chrono::seconds(10);
@@ -64,29 +68,23 @@ inline int boundSocket(int* port) {
     *port = ntohs(address.sin_port);
     return fd;
 }
-
-// A loopback port that nothing listens on at the moment.
-inline int freePort() {
-    int port = 0;
-    ::close(boundSocket(&port));
-    return port;
-}
-
 inline std::string loopbackUrl(int port) {
     return "cdb://127.0.0.1:" + std::to_string(port);
+}
+inline int freePort() {
+    int port = 0;
+    return ::close(boundSocket(&port)), port;
 }
 inline std::string freeUrl() {
     return loopbackUrl(freePort());
 }
 
-// Waits until something listens on the loopback port (a server endpoint's thread listens
-// some time after its Start has returned). Reads the kernel's table rather than connecting,
-// which would take the server's one connection.
+// Waits until something listens on the port (a server's thread listens some time after its
+// Start returned). Reads the kernel's table: a connect would take the server's one connection.
 inline bool waitListening(int port) {
-    char wanted[32];
-    std::snprintf(wanted, sizeof wanted, ":%04X 00000000:0000 0A", port);
-    auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (std::chrono::steady_clock::now() < deadline) {
+    const std::string wanted = format(":%04X 00000000:0000 0A", port);
+    for (auto end = std::chrono::steady_clock::now() + kPatience;
+         std::chrono::steady_clock::now() < end;) {
         std::ifstream table("/proc/net/tcp");
         for (std::string line; std::getline(table, line);) {
             if (line.find(wanted) != std::string::npos) return true;
@@ -96,7 +94,7 @@ inline bool waitListening(int port) {
     return false;
 }
 
-// A raw TCP listener on a free loopback port: it accepts (when asked) and never says a word.
+// A raw TCP listener on a free loopback port: it accepts when asked and never says a word.
 struct SilentPeer {
     int port = 0;
     int listener = -1;
@@ -107,27 +105,13 @@ struct SilentPeer {
         ::listen(listener, backlog);
     }
     ~SilentPeer() {
-        if (accepted >= 0) ::close(accepted);
+        hangUp();
         for (int fd : extra) ::close(fd);
         ::close(listener);
     }
     std::string url() const { return loopbackUrl(port); }
-    bool accept() {
-        accepted = ::accept(listener, nullptr, nullptr);
-        return accepted >= 0;
-    }
-    // Closes the accepted connection: the peer is gone.
-    void hangUp() {
-        if (accepted >= 0) ::close(accepted);
-        accepted = -1;
-    }
-    // Ends the peer's side of the stream; the other end reads its end.
-    void finish() { ::shutdown(accepted, SHUT_WR); }
-    // Waits until the other end has sent something.
-    bool waitReadable() {
-        pollfd entry = {accepted, POLLIN, 0};
-        return ::poll(&entry, 1, 10000) == 1;
-    }
+    bool accept() { return (accepted = ::accept(listener, nullptr, nullptr)) >= 0; }
+    void hangUp() { accepted = accepted >= 0 ? ::close(accepted), -1 : -1; }
     // Fills the accept queue, so that a further connect is never answered.
     void fillBacklog() {
         int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -144,32 +128,22 @@ inline int countEntries(const char* directory) {
     DIR* dir = ::opendir(directory);
     if (!dir) return -1;
     int count = 0;
-    while (dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') ++count;
-    }
+    while (dirent* entry = ::readdir(dir)) count += entry->d_name[0] != '.';
     ::closedir(dir);
     return count - (std::string(directory) == "/proc/self/fd" ? 1 : 0);  // opendir's own
 }
-inline int threadCount() {
-    // Sanitizers start a helper thread of their own when the program creates its first
-    // thread: that happens here, before anything is counted.
-    static const bool helperStarted = [] {
-        std::thread([] {}).join();
-        return true;
-    }();
-    (void)helperStarted;
-    return countEntries("/proc/self/task");
-}
-// The thread count once it has fallen to `baseline`, or after two seconds. Threads that an
-// earlier step joined, or that the test's own helpers ran, can still be leaving the task
-// list when the test looks; a thread that leaked never does.
-inline int threadCountSettledAt(int baseline) {
-    for (int i = 0; i < 200 && threadCount() > baseline; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return threadCount();
-}
 inline int descriptorCount() {
     return countEntries("/proc/self/fd");
+}
+// The thread count once it has fallen to `baseline`, or after two seconds: a joined thread
+// (here or under qemu-user) can still be leaving the task list; a leaked one never does.
+inline int threadCount(int baseline = 1 << 30) {
+    // Sanitizers start a helper thread with the program's first thread: that happens here.
+    static const bool helperStarted = (std::thread([] {}).join(), true);
+    (void)helperStarted;
+    for (int i = 0; i < 200 && countEntries("/proc/self/task") > baseline; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return countEntries("/proc/self/task");
 }
 
 // Lines of text from any thread, with bounded waits for them.
@@ -180,35 +154,35 @@ public:
         lines_.push_back(std::move(line));
         changed_.notify_all();
     }
-    std::vector<std::string> lines() {
+    Lines lines() {
         std::lock_guard<std::mutex> lock(mutex_);
         return lines_;
     }
-    int count(const std::string& line) {
+    int count(const std::string& text, bool prefix = false) {
         std::lock_guard<std::mutex> lock(mutex_);
-        return countLocked(line, false);
+        return countLocked(text, prefix);
     }
-    template <typename Duration = decltype(kPatience)>
-    bool waitFor(const std::string& line, int times = 1, Duration patience = kPatience) {
+    bool waitFor(const std::string& text, int times = 1, bool prefix = false) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, patience, [&] { return countLocked(line, false) >= times; });
+        if (changed_.wait_for(lock, kPatience, [&] { return countLocked(text, prefix) >= times; }))
+            return true;
+        std::fprintf(stderr, "never saw \"%s\" (x%d); recorded:\n", text.c_str(), times);
+        for (const auto& l : lines_) std::fprintf(stderr, "  %s\n", l.c_str());
+        return false;
     }
     bool waitForPrefix(const std::string& prefix, int times = 1) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, kPatience,
-                                 [&] { return countLocked(prefix, true) >= times; });
+        return waitFor(prefix, times, true);
     }
     // Index of the first line equal to `line`, -1 if none.
     int indexOf(const std::string& line) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (size_t i = 0; i < lines_.size(); ++i) {
-            if (lines_[i] == line) return static_cast<int>(i);
+        Lines all = lines();
+        for (size_t i = 0; i < all.size(); ++i) {
+            if (all[i] == line) return static_cast<int>(i);
         }
         return -1;
     }
-    // The lines that start with prefix, in order.
-    std::vector<std::string> startingWith(const std::string& prefix) {
-        std::vector<std::string> found;
+    Lines startingWith(const std::string& prefix) {
+        Lines found;
         for (const auto& l : lines()) {
             if (l.compare(0, prefix.size(), prefix) == 0) found.push_back(l);
         }
@@ -224,15 +198,70 @@ private:
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<std::string> lines_;
+    Lines lines_;
 };
+
+inline uint32_t uidOf(const std::string& name) {
+    return api().hashName(name.c_str(), ZELSBP_NUL_TERMINATED);
+}
+inline std::string nameOf(uint32_t uid) {
+    for (const char* name : {"speed", "driver", "answer", "challenge", "odometer"}) {
+        if (uidOf(name) == uid) return name;
+    }
+    return format("%x", uid);
+}
+inline Bytes encode(const std::function<void(ZELSBPSerializer*)>& build) {
+    ZELSBPSerializer* serializer = nullptr;
+    if (api().serializerCreate(&serializer) != ZELCDBErrorNone) return {};
+    build(serializer);
+    const uint8_t* data = nullptr;
+    uint32_t length = 0;
+    Bytes bytes;
+    if (api().serializerGetData(serializer, &data, &length) == ZELCDBErrorNone)
+        bytes.assign(data, data + length);
+    api().serializerDestroy(serializer);
+    return bytes;
+}
+inline Bytes intValue(const char* name, int32_t value) {
+    return encode([&](ZELSBPSerializer* s) { api().serializerAddInt(s, uidOf(name), value); });
+}
+// Integers as the deserializer reads them: "speed=88"; "!<code>" when it refuses.
+inline std::string decode(const uint8_t* data, int32_t size) {
+    if (size <= 0) return "";
+    static const ZELSBPDeserializerCallbacks callbacks = [] {
+        ZELSBPDeserializerCallbacks t{};
+        t.intCallback = [](ZELSBPDeserializer*, void*, void* u, uint32_t uid, int32_t v) {
+            *static_cast<std::string*>(u) += format(" %s=%d", nameOf(uid).c_str(), v);
+        };
+        return t;
+    }();
+    ZELSBPDeserializer* deserializer = nullptr;
+    api().deserializerCreate(&deserializer, nullptr, &callbacks, sizeof callbacks);
+    std::string text;
+    ZELCDBError error =
+        api().deserializerDeserialize(deserializer, &text, data, static_cast<uint32_t>(size));
+    api().deserializerDestroy(deserializer);
+    return error == ZELCDBErrorNone ? text.substr(1) : format("!%d", error);
+}
+inline std::string contextText(void* context) {
+    return context ? static_cast<const char*>(context) : "-";
+}
+inline void* ctx(const char* text) {
+    return const_cast<char*>(text);
+}
 
 // One application with one endpoint. Every callback adds a line to `events`:
 //   log <category>/<level> <text>          status <status> <error>
 //   added|removed <major>.<minor> [<id> <name> <major>.<minor> <attribute> <access>]...
 //   timeout                                start <id> <major>.<minor>      stop <id>
 //   source-payload <id> <text>             sink-payload <id> <text>        response <id> <code>
-// then calls the hook, if any, on the callback's thread, outside any test lock.
+// Its SBP source (addSbpSource) adds "sbp-start", "sbp-stop", "terminated", "get <cmd> <name>",
+// "set <value>", "subscribe <name> <type> <interval>", "cancel <cmd> <name>",
+// "auth-response <cmd> <name> <result> <value>"; its SBP sink (addSbpSink) adds
+// "status <code>", "data <ctx> <cmd> <value>", "set-done <ctx> <name>",
+// "subscribed <ctx> <name>", "cancelled <ctx> <cmd> <name>",
+// "error <ctx> <cmd> <name> <error> <result>", "challenge <ctx> <cmd> <name> <value>",
+// "alive <ctx>". Then it calls the hook, if any, on the callback's thread.
 class App {
 public:
     using Hook = std::function<void(App&, const std::string&)>;
@@ -246,8 +275,6 @@ public:
         if (clock_ && ep) clock_->addListener(&waker_);
     }
     ~App() { destroy(); }
-    App(const App&) = delete;
-    App& operator=(const App&) = delete;
 
     ZELCDBError destroy() {
         if (!ep) return ZELCDBErrorNone;
@@ -256,12 +283,10 @@ public:
         ep = nullptr;
         return result;
     }
-
     ZELCDBError start() { return api().endpointStart(ep); }
     ZELCDBError stop() { return api().endpointStop(ep); }
 
-    // Registers a plain source whose callbacks record start, stop and payload. Returns the
-    // ID, 0 on failure (result in lastResult).
+    // A plain source; returns its ID, 0 on failure (result in lastResult).
     uint16_t addSource(const char* name, uint8_t major = 1, uint8_t minor = 0,
                        uint32_t attribute = 0, uint32_t access = 0) {
         ZELCDBService service = {0, name, major, minor, attribute, access};
@@ -285,24 +310,39 @@ public:
     ZELCDBError startService(uint16_t id) { return api().endpointSendStartService(ep, id); }
     ZELCDBError stopService(uint16_t id) { return api().endpointSendStopService(ep, id); }
 
-    // Replaces the hook once no call of the old one is under way, so that a test may clear
-    // a hook that refers to its locals before they go. Not from inside a hook.
+    // An SBP source whose elements are `values`. A Get is answered through the table from
+    // inside its callback, except that "driver" is challenged first and answered once the
+    // challenge is; an element without a value is refused with `refusal`. Sets and
+    // Subscribes are answered through the table, also from inside their callbacks.
+    uint16_t addSbpSource(const char* name) {
+        ZELCDBService service = {0, name, 1, 0, 0, 0};
+        ZELSBPSourceCallbacks callbacks = sourceCallbacks();
+        lastResult =
+            api().sourceCreate(ep, this, &service, sizeof service, &callbacks, sizeof callbacks);
+        return sbpSource_ = lastResult == ZELCDBErrorNone ? service.serviceId : 0;
+    }
+    ZELCDBError addSbpSink(uint16_t id) {
+        ZELSBPSinkCallbacks callbacks = sinkCallbacks();
+        return api().sinkCreate(ep, this, id, &callbacks, sizeof callbacks);
+    }
+    void setValue(const std::string& name, Bytes value) {
+        std::lock_guard<std::mutex> lock(valuesMutex_);
+        values_[uidOf(name)] = std::move(value);
+    }
+    Bytes value(uint32_t uid) {
+        std::lock_guard<std::mutex> lock(valuesMutex_);
+        auto it = values_.find(uid);
+        return it == values_.end() ? Bytes() : it->second;
+    }
+    uint32_t refusal = 0x10000002;  // set before the endpoint starts
+
+    // Replaces the hook once no call of the old one is under way; not from inside a hook.
     void setHook(Hook hook) {
         std::unique_lock<std::mutex> lock(hookMutex_);
         hookIdle_.wait(lock, [&] { return hooksRunning_ == 0; });
         hook_ = std::move(hook);
     }
-
-    // Waits for a line; on failure prints what was recorded.
-    bool waitFor(const std::string& line, int times = 1) {
-        if (events.waitFor(line, times)) return true;
-        std::fprintf(stderr, "never saw \"%s\" (x%d); recorded:\n", line.c_str(), times);
-        for (const auto& l : events.lines()) std::fprintf(stderr, "  %s\n", l.c_str());
-        return false;
-    }
-    bool waitForLog(int level, const std::string& text, const char* category = "CDBEndpoint") {
-        return waitFor(format("log %s/%d %s", category, level, text.c_str()));
-    }
+    bool waitFor(const std::string& line, int times = 1) { return events.waitFor(line, times); }
 
     std::string url;
     ZELCDBEndpoint* ep = nullptr;
@@ -331,12 +371,10 @@ private:
         if (--hooksRunning_ == 0) hookIdle_.notify_all();
     }
     static App& of(void* context) { return *static_cast<App*>(context); }
-
     static std::string services(uint8_t major, uint8_t minor, const ZELCDBService* list,
                                 uint32_t size, uint32_t count) {
         std::string text = format("%d.%d", major, minor);
         if (size != sizeof(ZELCDBService)) text += format(" size %u", size);
-        if ((list == nullptr) != (count == 0)) text += " bad-pointer";
         for (uint32_t i = 0; i < count && list; ++i) {
             const ZELCDBService& s = list[i];
             text += format(" [%d %s %d.%d 0x%x 0x%x]", s.serviceId, s.name, s.versionMajor,
@@ -344,7 +382,7 @@ private:
         }
         return text;
     }
-    static std::string bytes(const uint8_t* data, uint32_t length) {
+    static std::string text(const uint8_t* data, uint32_t length) {
         return std::string(reinterpret_cast<const char*>(data), length);
     }
 
@@ -373,49 +411,137 @@ private:
     }
     static void onSourcePayload(ZELCDBEndpoint*, void*, uint16_t id, void* s, const uint8_t* data,
                                 uint32_t length) {
-        of(s).record(format("source-payload %d ", id) + bytes(data, length));
+        of(s).record(format("source-payload %d ", id) + text(data, length));
     }
     static void onSinkPayload(ZELCDBEndpoint*, void*, uint16_t id, void* s, const uint8_t* data,
                               uint32_t length) {
-        of(s).record(format("sink-payload %d ", id) + bytes(data, length));
+        of(s).record(format("sink-payload %d ", id) + text(data, length));
     }
     static void onResponse(ZELCDBEndpoint*, void*, uint16_t id, void* s, uint16_t code) {
         of(s).record(format("response %d 0x%04x", id, code));
     }
 
+    // Answers a Get (or a periodic tick, command 0xB3) with the element's value.
+    // The buffers handed to the table here are spoilt as soon as the calls return: made
+    // from inside callbacks, the calls are performed later, from their own copies.
+    ZELCDBError answer(uint32_t command, uint32_t uid) {
+        Bytes v = value(uid);
+        ZELCDBError result = api().sourceSendGetResponse(ep, sbpSource_, nullptr, command, uid, 0,
+                                                         v.data(), static_cast<uint32_t>(v.size()));
+        return std::fill(v.begin(), v.end(), 0xEE), result;
+    }
+    static ZELSBPSourceCallbacks sourceCallbacks() {
+        ZELSBPSourceCallbacks t{};
+        t.serviceStartCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c, uint8_t,
+                                    uint8_t) -> int32_t { return of(c).record("sbp-start"), 0; };
+        t.serviceStopCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c) -> int32_t {
+            return of(c).record("sbp-stop"), 0;
+        };
+        t.serviceTerminatedCallback = [](ZELCDBEndpoint*, uint16_t, void* c) {
+            of(c).record("terminated");
+        };
+        t.getCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t command, uint32_t uid,
+                           uint32_t* result) -> ZELCDBError {
+            App& app = of(c);
+            app.record(format("get %x ", command) + nameOf(uid));
+            *result = app.refusal;
+            if (app.value(uid).empty()) return ZELCDBErrorLocalSBPError;
+            if (uid != uidOf("driver")) return app.answer(command, uid);
+            Bytes question = intValue("challenge", 1);
+            ZELCDBError sent =
+                api().sourceSendServiceAuthChallenge(e, s, nullptr, command, uid, question.data(),
+                                                     static_cast<uint32_t>(question.size()));
+            return std::fill(question.begin(), question.end(), 0xEE), sent;
+        };
+        t.setCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t uid,
+                           const uint8_t* data, int32_t size, uint32_t*) -> ZELCDBError {
+            App& app = of(c);
+            app.record("set " + decode(data, size));
+            app.setValue(nameOf(uid), Bytes(data, data + size));
+            return api().sourceSendSetResponse(e, s, nullptr, uid, 0);
+        };
+        t.subscribeCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t uid,
+                                 uint32_t* type, uint32_t* interval, uint32_t*) -> ZELCDBError {
+            of(c).record(format("subscribe %s %u %u", nameOf(uid).c_str(), *type, *interval));
+            return api().sourceSendSubscribeResponse(e, s, nullptr, uid, 0);
+        };
+        t.cancelCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t command, uint32_t uid) {
+            of(c).record(format("cancel %x ", command) + nameOf(uid));
+        };
+        t.authResponseCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void*, uint32_t command,
+                                    uint32_t uid, uint32_t result, const uint8_t* data,
+                                    int32_t size) {
+            App& app = of(c);
+            app.record(format("auth-response %x %s %x ", command, nameOf(uid).c_str(), result) +
+                       decode(data, size));
+            app.answer(command, uid);
+        };
+        return t;
+    }
+    static ZELSBPSinkCallbacks sinkCallbacks() {
+        ZELSBPSinkCallbacks t{};
+        t.serviceStatusCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c, uint16_t status) {
+            of(c).record(format("status %d", status));
+        };
+        t.dataCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command, uint32_t,
+                            const uint8_t* payload, int32_t size) {
+            of(c).record(format("data %s %x ", contextText(r).c_str(), command) +
+                         decode(payload, size));
+        };
+        t.setDoneCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t uid) {
+            of(c).record("set-done " + contextText(r) + " " + nameOf(uid));
+        };
+        t.subscribedCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t uid) {
+            of(c).record("subscribed " + contextText(r) + " " + nameOf(uid));
+        };
+        t.cancelledCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command,
+                                 uint32_t uid) {
+            of(c).record(format("cancelled %s %x ", contextText(r).c_str(), command) + nameOf(uid));
+        };
+        t.errorCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command,
+                             uint32_t uid, ZELCDBError error, uint32_t result) {
+            of(c).record(format("error %s %x %s %d %x", contextText(r).c_str(), command,
+                                nameOf(uid).c_str(), error, result));
+        };
+        t.authChallengeCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, void* r,
+                                     uint32_t command, uint32_t uid, const uint8_t* challenge,
+                                     int32_t size) {
+            of(c).record(format("challenge %s %x %s ", contextText(r).c_str(), command,
+                                nameOf(uid).c_str()) +
+                         decode(challenge, size));
+            Bytes proof = intValue("answer", 2);
+            api().sinkSendServiceAuthResponse(e, s, r, command, uid, 0, proof.data(),
+                                              static_cast<uint32_t>(proof.size()));
+            std::fill(proof.begin(), proof.end(), 0xEE);
+        };
+        t.aliveResponseCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r) {
+            of(c).record("alive " + contextText(r));
+        };
+        return t;
+    }
+
     plat::ManualClock* clock_;
     Waker waker_;
+    uint16_t sbpSource_ = 0;
+    std::mutex valuesMutex_;
+    std::map<uint32_t, Bytes> values_;  // guarded by valuesMutex_
     std::mutex hookMutex_;
     std::condition_variable hookIdle_;
-    int hooksRunning_ = 0;
+    int hooksRunning_ = 0;  // this and hook_ guarded by hookMutex_
     Hook hook_;
 };
 
-// A hook for the scope of a test's locals that it refers to: declared after them, it is
-// removed (once no call of it is under way) before they go.
+// A hook for the scope of the test's locals that it refers to: removed before they go.
 class ScopedHook {
 public:
     ScopedHook(App& app, App::Hook hook) : app_(app) { app_.setHook(std::move(hook)); }
     ~ScopedHook() { app_.setHook(nullptr); }
-    ScopedHook(const ScopedHook&) = delete;
-    ScopedHook& operator=(const ScopedHook&) = delete;
 
 private:
     App& app_;
 };
 
-// Moves the clock in steps until the line shows (the loop may not have armed its timer yet
-// when the first step is taken).
-inline bool advanceUntil(plat::ManualClock& clock, App& app, const std::string& line, int stepMs,
-                         int maxSteps = 20) {
-    for (int i = 0; i < maxSteps; ++i) {
-        clock.advanceMs(stepMs);
-        if (app.events.waitFor(line, 1, std::chrono::milliseconds(100))) return true;
-    }
-    return app.waitFor(line);
-}
-
-// A connected pair on one port: a server and a client application.
+// A server and a client application on one port.
 struct Pair {
     explicit Pair(plat::ManualClock* clock = nullptr)
         : port(freePort()),
@@ -423,14 +549,12 @@ struct Pair {
           server(ZELCDBEndpointModeServer, url, clock),
           client(ZELCDBEndpointModeClient, url, clock) {}
 
-    // Starts the server, then the client, and waits until both have exchanged their
-    // service lists (the n-th time).
+    // Starts the server, then the client, and waits until both have exchanged their service
+    // lists (the n-th time).
     bool connect(int times = 1) {
-        if (server.start() != ZELCDBErrorNone || !waitListening(port) ||
-            client.start() != ZELCDBErrorNone) {
-            return false;
-        }
-        return client.waitFor("status 2 0", times) && server.waitFor("status 2 0", times) &&
+        return server.start() == ZELCDBErrorNone && waitListening(port) &&
+               client.start() == ZELCDBErrorNone && client.waitFor("status 2 0", times) &&
+               server.waitFor("status 2 0", times) &&
                client.events.waitForPrefix("added ", times) &&
                server.events.waitForPrefix("added ", times);
     }

@@ -6,9 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "FailingAllocator.h"
 #include "plat/RecordingLogger.h"
-#include "rdr/MemOutStream.h"
 #include "sdk/ErrorFrame.h"
 #include "zelcdbsdk.h"
 
@@ -80,38 +78,6 @@ TEST(ErrorFrame, ThrowingLoggerDoesNotBreakTheFrameAndNoLoggerMeansTheCurrentOne
     EXPECT_EQ(zelcdbsdk::runGuarded(unnamed, illegal), ZELCDBErrorIllegalWhileNotRunning);
     ASSERT_EQ(current.lines.size(), 1u);
     EXPECT_EQ(current.lines[0].facility, "ZELSBPSink");
-}
-
-// The injector the allocation tests rely on: the n-th allocation fails, and only that one,
-// whether made by plain, array or nothrow new.
-TEST(FailingAllocator, FailsOnlyTheNthAllocation) {
-    int thrownAt = 0;
-    bool triggered;
-    {
-        zeltest::FailNthAllocation failure(2);
-        for (int i = 1; i <= 3; ++i) {
-            try {
-                rdr::MemOutStream out(8);
-            } catch (const std::bad_alloc&) {
-                thrownAt = thrownAt ? -1 : i;
-            }
-        }
-        triggered = failure.triggered();
-    }
-    EXPECT_TRUE(triggered);
-    EXPECT_EQ(thrownAt, 2);
-
-    ZELCDBSDK table;
-    ASSERT_EQ(ZELCDBSDKInitialize(&table, sizeof table), ZELCDBErrorNone);
-    ZELSBPSerializer* serializers[2] = {nullptr, nullptr};
-    ZELCDBError created[2];
-    {
-        zeltest::FailNthAllocation failure(1);
-        for (int i = 0; i < 2; ++i) created[i] = table.serializerCreate(&serializers[i]);
-    }
-    EXPECT_EQ(created[0], ZELCDBErrorOutOfMemory);
-    EXPECT_EQ(created[1], ZELCDBErrorNone);
-    EXPECT_EQ(table.serializerDestroy(serializers[1]), ZELCDBErrorNone);
 }
 
 }  // namespace

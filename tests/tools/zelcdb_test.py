@@ -90,8 +90,8 @@ class Background:
         self.process.stderr.close()
         return self.process.returncode, out.splitlines(), "".join(self.stderr)
 
-    def interrupt(self, timeout):
-        self.process.send_signal(signal.SIGINT)
+    def interrupt(self, timeout, signal_number=signal.SIGINT):
+        self.process.send_signal(signal_number)
         return self.finish(timeout)
 
 
@@ -108,13 +108,8 @@ class AgainstServe(unittest.TestCase):
         cls.url = f"cdb://127.0.0.1:{free_port()}"
         cls.server = Background("serve", cls.url, "--elements", ARGS.elements, "--echo", "echo",
                                 "-v")
-        # The server is ready when a client gets its list of services.
-        deadline = time.monotonic() + 20 * ARGS.slow
-        while True:
-            code, cls.listed, err = zelcdb("services", cls.url, "--json")
-            if code != CONNECTION or time.monotonic() > deadline:
-                break
-            time.sleep(0.05)
+        # The client tries again while serve is not listening yet.
+        code, cls.listed, err = zelcdb("services", cls.url, "--json", "--timeout", 20000)
         if code != 0:
             cls.server.process.kill()
             raise AssertionError(f"serve never answered: {code} {err}")
@@ -196,6 +191,7 @@ class AgainstServe(unittest.TestCase):
                              "--count", 1, "-v")
         try:
             watcher.wait_for(r"subscribed to headlightsOn, on change", 10 * ARGS.slow)
+            self.run_ok("set", self.url, SERVICE, "headlightsOn", "false")  # no change, no update
             self.assertEqual(self.run_ok("set", self.url, SERVICE, "headlightsOn", "true"),
                              [{"headlightsOn": True}])
             code, out, err = watcher.finish(10 * ARGS.slow)
@@ -218,17 +214,25 @@ class AgainstServe(unittest.TestCase):
             listener.process.kill()
         self.assertEqual((code, out), (0, ["0102ff"]), err)
 
-    def test_09_ctrl_c_cancels_and_says_byebye(self):
-        watcher = Background("subscribe", self.url, SERVICE, "outsideTemperature", "--periodic",
-                             50, "-vv")
-        try:
-            watcher.wait_for(r"subscribed to", 10 * ARGS.slow)
-            code, out, err = watcher.interrupt(10 * ARGS.slow)
-        finally:
-            watcher.process.kill()
-        self.assertEqual(code, 0, err)
-        self.assertIn("cancelling the subscription", err)
-        self.assertRegex(err, r"Sending ByeBye|ByeBye")
+    def test_09_ctrl_c_or_sigterm_cancels_says_byebye_and_tells_if_it_came_too_early(self):
+        cases = [  # (command, signal, ready when, exit code, what it says)
+            (["subscribe", self.url, SERVICE, "outsideTemperature", "--periodic", 50],
+             signal.SIGINT, r"subscribed to", 0, r"(?s)cancelling the subscription.*ByeBye"),
+            (["subscribe", self.url, SERVICE, "vin", "--on-change", "--count", 3], signal.SIGTERM,
+             r"subscribed to", 130, r"(?s)interrupted after 0 of 3 updates.*ByeBye"),
+            (["listen", self.url, "echo", "--count", 5], signal.SIGINT, r"service echo .* started",
+             130, r"(?s)interrupted after 0 of 5 payloads.*ByeBye"),
+        ]
+        for args, signal_number, ready, expected_code, message in cases:
+            with self.subTest(args=args):
+                process = Background(*args, "-vv")
+                try:
+                    process.wait_for(ready, 10 * ARGS.slow)
+                    code, out, err = process.interrupt(10 * ARGS.slow, signal_number)
+                finally:
+                    process.process.kill()
+                self.assertEqual(code, expected_code, err)
+                self.assertRegex(err, message)
 
     def test_10_bad_input_against_the_server(self):
         cases = [
@@ -253,6 +257,10 @@ class AgainstServe(unittest.TestCase):
              r"^zelcdb: unknown element 'volume'"),
             (["get", self.url, SERVICE, "volume", "--elements", ARGS.elements], UNKNOWN,
              r"^zelcdb: unknown element 'volume'; .* names vehicleSpeed, "),
+            (["listen", self.url, "echo", "--count", 1, "--timeout", 300], TIMEOUT,
+             r"^zelcdb: time-out: no payload from \S+ within 300 ms$"),
+            (["subscribe", self.url, SERVICE, "vin", "--on-change", "--timeout", 300], TIMEOUT,
+             r"^zelcdb: time-out: no update from \S+ within 300 ms$"),
         ]
         for args, expected_code, message in cases:
             with self.subTest(args=args):
@@ -265,24 +273,38 @@ class AgainstServe(unittest.TestCase):
                          [{"vehicleSpeed": -5}])
         self.server.wait_for(r"Set of vehicleSpeed refused: expects an int, got a double", 5)
 
+    def test_11_clients_that_come_together_take_turns(self):
+        clients = [Background("services", self.url, "--json", "--timeout", 20000)
+                   for _ in range(4)]
+        for client in clients:
+            code, out, err = client.finish(20 * ARGS.slow)
+            self.assertEqual((code, out), (0, self.listed), err)
+
 
 class ReversedRoles(unittest.TestCase):
     """A client command that waits for the peer (--server) and serve that connects to it
     (--client), as with a head unit that listens and a phone application that connects."""
 
-    def test_serve_connects_to_a_waiting_client(self):
+    def test_serve_connects_to_a_waiting_client_and_its_stop_ends_the_connection(self):
         url = f"cdb://127.0.0.1:{free_port()}"
         client = Background("get", url, SERVICE, "vehicleSpeed", "--server", "-v")
-        server = None
+        server = watcher = None
         try:
             client.wait_for(r"waiting for a peer", 10 * ARGS.slow)
             server = Background("serve", url, "--elements", ARGS.elements, "--client")
             code, out, err = client.finish(10 * ARGS.slow)
             self.assertEqual((code, lines_as_json(out)), (0, [{"vehicleSpeed": 88}]), err)
+            # serve connects again, to the next client that waits.
+            watcher = Background("subscribe", url, SERVICE, "vin", "--on-change", "--server", "-v")
+            watcher.wait_for(r"subscribed to", 10 * ARGS.slow)
             code, _, err = server.interrupt(10 * ARGS.slow)
             self.assertEqual(code, 0, err)
+            code, _, err = watcher.finish(10 * ARGS.slow)
+            self.assertEqual(code, CONNECTION, err)
+            self.assertRegex(err, r"\nzelcdb: the connection to \S+ ended: the peer ended it "
+                                  r"\(ByeBye\)\n")
         finally:
-            for process in [client, server]:
+            for process in [client, server, watcher]:
                 if process:
                     process.process.kill()
 
@@ -297,23 +319,31 @@ class BadInputAlone(unittest.TestCase):
         self.addCleanup(os.unlink, path)
         return path
 
-    def test_connection_refused(self):
+    def test_connection_refused_is_tried_again_until_the_time_out(self):
         url = f"cdb://127.0.0.1:{free_port()}"
-        code, out, err = zelcdb("services", url)
+        start = time.monotonic()
+        code, out, err = zelcdb("services", url, "--timeout", 300, "-v")
         self.assertEqual(code, CONNECTION, err)
-        self.assertRegex(err.strip(), rf"^zelcdb: cannot connect to {url}: .*refused")
+        self.assertGreaterEqual(time.monotonic() - start, 0.25)
+        self.assertRegex(err, r"\nzelcdb: not connected \(.*refused.*\); trying again in 20 ms")
+        self.assertRegex(err, rf"\nzelcdb: cannot connect to {url}: .*refused.* attempts\)\n$")
 
-    def test_time_out_on_a_silent_peer(self):
+    def test_time_outs_of_a_silent_peer_and_of_waiting_for_one(self):
         with socket.socket() as silent:
             silent.bind(("127.0.0.1", 0))
             silent.listen(1)
-            url = f"cdb://127.0.0.1:{silent.getsockname()[1]}"
-            start = time.monotonic()
-            code, out, err = zelcdb("services", url, "--timeout", 300)
-        self.assertEqual(code, TIMEOUT, err)
-        self.assertRegex(err.strip(), r"^zelcdb: time-out: no list of services from .* "
-                                      r"within 300 ms$")
-        self.assertLess(time.monotonic() - start, 4 * ARGS.slow)
+            cases = [(["services", f"cdb://127.0.0.1:{silent.getsockname()[1]}"],
+                      r"no list of services from"),
+                     (["services", f"cdb://127.0.0.1:{free_port()}", "--server"],
+                      r"no peer connected to")]
+            for args, message in cases:
+                with self.subTest(args=args):
+                    start = time.monotonic()
+                    code, out, err = zelcdb(*args, "--timeout", 300, timeout=10 * ARGS.slow)
+                    self.assertEqual(code, TIMEOUT, err)
+                    self.assertRegex(err.strip(),
+                                     rf"^zelcdb: time-out: {message} \S+ within 300 ms$")
+                    self.assertLess(time.monotonic() - start, 4 * ARGS.slow)
 
     def test_serve_on_a_port_in_use(self):
         with socket.socket() as taken:
@@ -322,7 +352,8 @@ class BadInputAlone(unittest.TestCase):
             url = f"cdb://127.0.0.1:{taken.getsockname()[1]}"
             code, out, err = zelcdb("serve", url, "--elements", ARGS.elements)
         self.assertEqual(code, CONNECTION, err)
-        self.assertRegex(err, rf"zelcdb: cannot listen on {url}: bind\(\) failed")
+        self.assertEqual(err, f"zelcdb: cannot listen on {url}: bind() failed: Address already in"
+                              " use (98)\n")
 
     def test_malformed_element_files(self):
         cases = [
@@ -342,6 +373,8 @@ class BadInputAlone(unittest.TestCase):
              r":2: element 't': arrays cannot hold \"string\""),
             ('{"elements": [{"name": "a", "type": "int"}]}', r":1: element 'a': no \"value\""),
             ('{"elments": []}', r":1: unknown key \"elments\""),
+            ('{"elements": [{"name": "a", "type": "int", "value": 1}],\n "service": "a:b"}',
+             r":2: bad service 'a:b': expected NAME or NAME:MAJOR\.MINOR"),
         ]
         for text, message in cases:
             with self.subTest(text=text):
@@ -351,12 +384,17 @@ class BadInputAlone(unittest.TestCase):
                 self.assertRegex(err.strip(), "^zelcdb: " + re.escape(path) + message)
         code, out, err = zelcdb("serve", "cdb://127.0.0.1:1", "--elements", "/nonexistent.json")
         self.assertEqual((code, err.strip()),
-                         (ELEMENT_FILE, "zelcdb: /nonexistent.json: cannot read the element file"))
+                         (ELEMENT_FILE, "zelcdb: /nonexistent.json: cannot read the element file: "
+                                        "No such file or directory"))
 
     def test_bad_command_lines(self):
         cases = [
             (["services", "127.0.0.1:9000"], r"^zelcdb: invalid URL '127\.0\.0\.1:9000'"),
             (["services", "cdb://localhost:9000"], r"the host must be a numeric IPv4 address"),
+            (["services", "cdb://127.0.0.1"], r"'cdb://127\.0\.0\.1': the port is missing"),
+            (["services", "cbd://127.0.0.1:9000"], r"the scheme must be cdb, not 'cbd'$"),
+            (["services", "cdb://[::1]:9000"], r"IPv6 is not supported"),
+            (["get", "--bogus"], r"^zelcdb: unknown option '--bogus' \(see zelcdb get --help\)$"),
             (["send", "cdb://127.0.0.1:1", "echo", "0x1"], r"not hex: odd number of digits"),
             (["send", "cdb://127.0.0.1:1", "echo", "zz"], r"not hex: unexpected 'z'"),
             (["set", "cdb://127.0.0.1:1", "s", "e", '{"a":'], r"the value '\{\"a\":' is not JSON"),
@@ -383,6 +421,8 @@ class BadInputAlone(unittest.TestCase):
                 self.assertEqual(code, 0, err)
                 self.assertIn("Exit codes:", out)
                 self.assertIn("  5    time-out", "\n".join(out))
+        code, out, err = zelcdb("--version")
+        self.assertEqual((code, out), (0, ["zelcdb, libzelcdbsdk 2.7.0 (build 2565)"]), err)
 
 
 class Install(unittest.TestCase):
@@ -400,7 +440,8 @@ class Install(unittest.TestCase):
                          "include/zelcdbsdk.h", "bin/zelcdb", "share/zelcdb/vehicle.json"]:
                 self.assertTrue(os.path.exists(os.path.join(prefix, path)), path)
             installed = shlex.split(ARGS.emulator) + [os.path.join(prefix, "bin/zelcdb")]
-            done = subprocess.run(installed + ["services", f"cdb://127.0.0.1:{free_port()}"],
+            done = subprocess.run(installed + ["services", f"cdb://127.0.0.1:{free_port()}",
+                                               "--timeout", "300"],
                                   capture_output=True, text=True, timeout=30)
             self.assertEqual(done.returncode, CONNECTION, done.stderr)
             self.assertIn("cannot connect", done.stderr)

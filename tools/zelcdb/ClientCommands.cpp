@@ -87,7 +87,7 @@ private:
     if (event.error == ZELCDBErrorTimeout) {
         throw Failure(kExitTimeout, "time-out: no answer to " + request + " within 5 s");
     }
-    if (event.error == ZELCDBErrorRemoteSBPError && event.result == kResultNotSupported &&
+    if (event.error == ZELCDBErrorRemoteSBPError && event.result == ZELSBPResultFailed &&
         !target.known && mayBeUnknown) {
         throw Failure(kExitUnknown, "unknown element '" + target.label + "': the peer answered " +
                                         request + " with " + resultText(event.result));
@@ -136,8 +136,8 @@ std::vector<uint8_t> getValue(Session& session, const Target& target) {
     std::string request = "Get " + target.label;
     check(sdk().sinkSendGet(session.endpoint(), session.serviceId(), nullptr, target.uid), request);
     for (;;) {
-        Event event = answer(session, kCommandGet, EventKind::Data, target, request);
-        if (event.command == kCommandGet) return event.data;
+        Event event = answer(session, ZELSBPCommandGet, EventKind::Data, target, request);
+        if (event.command == ZELSBPCommandGet) return event.data;
     }
 }
 
@@ -149,6 +149,18 @@ Json parseValue(const std::string& text) {
     for (char c : text) word = word && c != '{' && c != '[' && c != '"';
     if (word) return Json(text);
     throw Failure(kExitUsage, "the value '" + text + "' is not JSON");
+}
+
+// Ctrl-C ends a command that runs until then; one that was asked for a number of things
+// and had not got them all was interrupted.
+int interrupted(int wanted, int received, const char* what) {
+    if (wanted == 0) {
+        console::note("interrupted");
+        return kExitOk;
+    }
+    console::message("interrupted after " + std::to_string(received) + " of " +
+                     std::to_string(wanted) + " " + what);
+    return kExitInterrupted;
 }
 
 }  // namespace
@@ -256,7 +268,7 @@ int runSet(const ServiceArgs& args, const ElementArgs& elementArgs, const std::s
     check(sdk().sinkSendSet(session.endpoint(), session.serviceId(), nullptr, target.uid,
                             data.data(), static_cast<uint32_t>(data.size())),
           request);
-    answer(session, kCommandSet, EventKind::SetDone, target, request, false);
+    answer(session, ZELSBPCommandSet, EventKind::SetDone, target, request, false);
     console::line(elements.line(data));
     session.stop();
     return kExitOk;
@@ -273,40 +285,43 @@ int runSubscribe(const ServiceArgs& args, const ElementArgs& elementArgs,
     std::string request = "Subscribe " + target.label;
     // An on-change subscription still carries an interval, and peers refuse 0.
     check(sdk().sinkSendSubscribe(session.endpoint(), session.serviceId(), nullptr, target.uid,
-                                  periodic ? kSubscribePeriodic : kSubscribeOnChange,
+                                  periodic ? ZELSBPSubscribePeriodic : ZELSBPSubscribeOnChange,
                                   periodic ? subscribe.periodicMs : 1000),
           request);
-    answer(session, kCommandSubscribe, EventKind::Subscribed, target, request);
+    answer(session, ZELSBPCommandSubscribe, EventKind::Subscribed, target, request);
     console::note(
         "subscribed to " + target.label +
         (periodic ? ", every " + std::to_string(subscribe.periodicMs) + " ms" : ", on change"));
 
+    int code = kExitOk;
+    int received = 0;
     try {
-        for (int received = 0; subscribe.count == 0 || received < subscribe.count;) {
-            Event event = session.nextUntil(std::nullopt, "update");
+        while (subscribe.count == 0 || received < subscribe.count) {
+            Event event = session.nextUntil(session.openDeadline(), "update");
             if (event.uid != target.uid) continue;
-            if (event.kind == EventKind::SbpError && event.command == kCommandSubscribe) {
+            if (event.kind == EventKind::SbpError && event.command == ZELSBPCommandSubscribe) {
                 requestFailed(event, request, target);
             }
-            if (event.kind != EventKind::Data || event.command != kCommandSubscribe) continue;
+            if (event.kind != EventKind::Data || event.command != ZELSBPCommandSubscribe) continue;
             console::line(elements.line(event.data));
             ++received;
         }
     } catch (const Interrupted&) {
-        console::note("interrupted: cancelling the subscription");
+        code = interrupted(subscribe.count, received, "updates");
+        console::note("cancelling the subscription");
     }
 
     std::string cancel = "Cancel of the subscription to " + target.label;
     check(sdk().sinkSendCancel(session.endpoint(), session.serviceId(), nullptr, target.uid,
-                               kCommandSubscribe),
+                               ZELSBPCommandSubscribe),
           cancel);
     try {
-        answer(session, kCommandCancel, EventKind::Cancelled, target, cancel);
+        answer(session, ZELSBPCommandCancel, EventKind::Cancelled, target, cancel);
     } catch (const Failure& e) {
         console::message(e.what());
     }
     session.stop();
-    return kExitOk;
+    return code;
 }
 
 int runAlive(const ServiceArgs& args, int count, double intervalSeconds) {
@@ -321,7 +336,7 @@ int runAlive(const ServiceArgs& args, int count, double intervalSeconds) {
         check(sdk().sinkSendAlive(session.endpoint(), session.serviceId(), nullptr, 0), "Alive");
         for (;;) {
             Event event = session.next("answer to Alive");
-            if (event.kind == EventKind::SbpError && event.command == kCommandAlive) {
+            if (event.kind == EventKind::SbpError && event.command == ZELSBPCommandAliveRequest) {
                 requestFailed(event, "Alive", Target{});
             }
             if (event.kind == EventKind::Alive) break;
@@ -364,18 +379,20 @@ int runListen(const ServiceArgs& args, int count) {
     session.connect();
     PeerService service = session.find(args.service);
     session.startPlain(service);
+    int code = kExitOk;
+    int received = 0;
     try {
-        for (int received = 0; count == 0 || received < count;) {
-            Event event = session.nextUntil(std::nullopt, "payload");
+        while (count == 0 || received < count) {
+            Event event = session.nextUntil(session.openDeadline(), "payload");
             if (event.kind != EventKind::Payload) continue;
             console::line(toHex(event.data.data(), event.data.size()));
             ++received;
         }
     } catch (const Interrupted&) {
-        console::note("interrupted");
+        code = interrupted(count, received, "payloads");
     }
     session.stop();
-    return kExitOk;
+    return code;
 }
 
 }  // namespace zelcdb

@@ -1,5 +1,7 @@
 #include "ElementFile.h"
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -7,6 +9,7 @@
 
 #include "Failure.h"
 #include "Library.h"
+#include "Server.h"
 
 namespace zelcdb {
 
@@ -325,7 +328,10 @@ Element* ElementFile::find(uint32_t uid) {
 
 ElementFile loadElementFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) throw Failure(kExitElementFile, path + ": cannot read the element file");
+    if (!in) {
+        throw Failure(kExitElementFile,
+                      path + ": cannot read the element file: " + std::strerror(errno));
+    }
     std::ostringstream text;
     text << in.rdbuf();
     std::string content = text.str();
@@ -352,6 +358,11 @@ ElementFile loadElementFile(const std::string& path) {
             check.fail("/service", "\"service\" must be a string, NAME or NAME:MAJOR.MINOR");
         }
         file.service = root["service"].get<std::string>();
+        try {
+            parseServiceName(file.service);
+        } catch (const Failure& e) {
+            check.fail("/service", e.what());
+        }
     }
     const Json& elements = check.need(root, "", "elements", "");
     if (!elements.is_array() || elements.empty()) {

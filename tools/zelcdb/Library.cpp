@@ -1,5 +1,7 @@
 #include "Library.h"
 
+#include <arpa/inet.h>
+
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -63,37 +65,37 @@ std::string errorText(ZELCDBError error) {
 std::string resultText(uint32_t result) {
     const char* meaning = nullptr;
     switch (result) {
-        case 0x00000000:
+        case ZELSBPResultSuccess:
             meaning = "success";
             break;
-        case 0x10000002:
+        case ZELSBPResultFailed:
             meaning = "failed or not supported";
             break;
-        case 0x10000003:
+        case ZELSBPResultInvalidInterval:
             meaning = "invalid subscription interval";
             break;
-        case 0x10000004:
+        case ZELSBPResultInvalidSubscriptionType:
             meaning = "invalid subscription type";
             break;
-        case 0x10000006:
+        case ZELSBPResultPeriodicUpdateFailed:
             meaning = "error getting a periodic update";
             break;
-        case 0x10000007:
+        case ZELSBPResultAuthTimedOut:
             meaning = "authentication challenge not answered";
             break;
-        case 0x10000008:
+        case ZELSBPResultAlreadyPending:
             meaning = "the same request is already pending";
             break;
-        case 0x10000009:
+        case ZELSBPResultNothingToCancel:
             meaning = "nothing to cancel";
             break;
-        case 0x1000000A:
+        case ZELSBPResultNoFreePacketId:
             meaning = "no free packet id";
             break;
-        case 0x1000000B:
+        case ZELSBPResultCancelled:
             meaning = "cancelled";
             break;
-        case 0x1000000D:
+        case ZELSBPResultUnexpectedCommand:
             meaning = "command not supported";
             break;
         default:
@@ -153,13 +155,39 @@ std::vector<uint8_t> fromHex(const std::string& text) {
     return bytes;
 }
 
-bool isBadHost(const std::string& libraryError) {
-    return libraryError.compare(0, 15, "Invalid CDB URL") == 0;
-}
-
-std::string badHostMessage(const std::string& url) {
-    return "invalid URL '" + url + "': the host must be a numeric IPv4 address (names are not " +
-           "looked up)";
+Address checkUrl(const std::string& url) {
+    auto invalid = [&url](const std::string& why) {
+        return Failure(kExitUsage, "invalid URL '" + url + "': " + why);
+    };
+    size_t colonSlashes = url.find("://");
+    if (colonSlashes == std::string::npos) {
+        throw invalid("expected cdb://IPV4-ADDRESS:PORT, such as cdb://127.0.0.1:9000");
+    }
+    std::string scheme = url.substr(0, colonSlashes);
+    for (char& c : scheme) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (scheme != "cdb") throw invalid("the scheme must be cdb, not '" + scheme + "'");
+    std::string authority = url.substr(colonSlashes + 3);
+    authority = authority.substr(0, authority.find('/'));
+    if (!authority.empty() && authority[0] == '[') {
+        throw invalid("IPv6 is not supported, the host must be a numeric IPv4 address");
+    }
+    size_t colon = authority.rfind(':');
+    Address address;
+    address.host = authority.substr(0, colon);
+    in_addr ignored{};
+    if (inet_pton(AF_INET, address.host.c_str(), &ignored) != 1) {
+        throw invalid("the host must be a numeric IPv4 address (names are not looked up)");
+    }
+    if (colon == std::string::npos)
+        throw invalid("the port is missing, such as cdb://" + address.host + ":9000");
+    uint32_t port = 0;
+    std::string digits = authority.substr(colon + 1);
+    if (digits.find_first_not_of("0123456789") != std::string::npos || !parseNumber(digits, port) ||
+        port == 0 || port > 65535) {
+        throw invalid("the port must be a number from 1 to 65535");
+    }
+    address.port = static_cast<uint16_t>(port);
+    return address;
 }
 
 bool parseNumber(const std::string& text, uint32_t& value) {

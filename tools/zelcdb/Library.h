@@ -15,22 +15,6 @@ const ZELCDBSDK& sdk();
 // has only the codec leaves their entries NULL).
 void requireEndpoints();
 
-constexpr uint32_t kCommandGet = 0xB1;
-constexpr uint32_t kCommandSet = 0xB2;
-constexpr uint32_t kCommandSubscribe = 0xB3;
-constexpr uint32_t kCommandCancel = 0xB4;
-constexpr uint32_t kCommandAlive = 0xB5;
-constexpr uint32_t kSubscribePeriodic = 0;
-constexpr uint32_t kSubscribeOnChange = 1;
-constexpr uint32_t kSubscribeEither = 2;
-// The largest interval a Subscribe can carry: it travels in 24 bits.
-constexpr uint32_t kMaxInterval = 0xFFFFFF;
-constexpr uint32_t kResultOk = 0;
-constexpr uint32_t kResultNotSupported = 0x10000002;
-// CDB ServiceResponse codes a service start or stop is answered with.
-constexpr uint16_t kServiceStarted = 1;
-constexpr uint16_t kServiceStopped = 2;
-
 // "NetworkError (5)".
 std::string errorText(ZELCDBError error);
 // "0x10000003 (invalid subscription interval)".
@@ -42,10 +26,16 @@ std::string hex32(uint32_t value);
 std::string toHex(const uint8_t* data, size_t size);
 // Hex digits, optionally with spaces, colons or a leading 0x; throws Failure on others.
 std::vector<uint8_t> fromHex(const std::string& text);
-// The library accepts a URL whose host is not a numeric address, and then fails to resolve
-// it on the endpoint thread with this complaint.
-bool isBadHost(const std::string& libraryError);
-std::string badHostMessage(const std::string& url);
+// A peer's address as zelcdb takes it: cdb://IPV4-ADDRESS:PORT, optionally followed by a
+// path the library ignores. The library itself takes any scheme and finds out about a
+// missing port or a host it cannot use only on the endpoint thread, as "cannot connect";
+// checked here, each of these is a usage error that says what is wrong.
+struct Address {
+    std::string host;
+    uint16_t port = 0;
+};
+// Throws Failure(kExitUsage) naming the fault.
+Address checkUrl(const std::string& url);
 // A number in decimal or 0x hex that fits in 32 bits; false if the text is not one.
 bool parseNumber(const std::string& text, uint32_t& value);
 

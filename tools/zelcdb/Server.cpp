@@ -1,6 +1,13 @@
 #include "Server.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -91,7 +98,7 @@ ZELCDBError guarded(uint32_t* result, Body body) {
     } catch (const std::exception& e) {
         console::message(std::string("internal error: ") + e.what());
     }
-    if (result) *result = kResultNotSupported;
+    if (result) *result = ZELSBPResultFailed;
     return ZELCDBErrorLocalSBPError;
 }
 
@@ -147,7 +154,7 @@ const ZELCDBSourceServiceCallbacks Server::kEchoCallbacks = {
             std::lock_guard<std::mutex> lock(connection.server->mutex_);
             connection.echoStarted = true;
         }
-        sdk().endpointSendServiceResponse(e, id, kServiceStarted);
+        sdk().endpointSendServiceResponse(e, id, ZELCDBServiceResponseStarted);
         console::note(connection.server->label(connection) + " started the echo service");
     },
     [](ZELCDBEndpoint* e, void*, uint16_t id, void* c) {
@@ -156,7 +163,7 @@ const ZELCDBSourceServiceCallbacks Server::kEchoCallbacks = {
             std::lock_guard<std::mutex> lock(connection.server->mutex_);
             connection.echoStarted = false;
         }
-        sdk().endpointSendServiceResponse(e, id, kServiceStopped);
+        sdk().endpointSendServiceResponse(e, id, ZELCDBServiceResponseStopped);
     },
     [](ZELCDBEndpoint*, void*, uint16_t, void* c, const uint8_t* data, uint32_t length) {
         Connection& connection = connectionOf(c);
@@ -200,21 +207,21 @@ ZELCDBError Server::get(Connection& c, uint32_t command, uint32_t uid, uint32_t*
         const Element* element = file_.find(uid);
         if (!element) {
             console::message(label(c) + ": Get of unknown element " + hex32(uid) + " refused");
-            *result = kResultNotSupported;
+            *result = ZELSBPResultFailed;
             return ZELCDBErrorLocalSBPError;
         }
         data = encode(uid, element->type, element->value);
     }
     // Periodic updates come here too (command Subscribe); only a Get is worth a note.
-    if (command == kCommandGet) console::note(label(c) + ": Get " + nameOf(uid));
-    sdk().sourceSendGetResponse(c.endpoint, c.sbpId, nullptr, command, uid, kResultOk, data.data(),
-                                static_cast<uint32_t>(data.size()));
+    if (command == ZELSBPCommandGet) console::note(label(c) + ": Get " + nameOf(uid));
+    sdk().sourceSendGetResponse(c.endpoint, c.sbpId, nullptr, command, uid, ZELSBPResultSuccess,
+                                data.data(), static_cast<uint32_t>(data.size()));
     return ZELCDBErrorNone;
 }
 
 ZELCDBError Server::set(Connection& c, uint32_t uid, const uint8_t* data, int32_t size,
                         uint32_t* result) {
-    *result = kResultNotSupported;
+    *result = ZELSBPResultFailed;
     std::string refused;
     std::optional<Value> value;
     try {
@@ -233,19 +240,22 @@ ZELCDBError Server::set(Connection& c, uint32_t uid, const uint8_t* data, int32_
         console::message(label(c) + ": Set of " + element->name + " refused: " + refused);
         return ZELCDBErrorLocalSBPError;
     }
-    element->value = toJson(*value, file_.names);
+    Json now = toJson(*value, file_.names);
+    bool changed = now != element->value;
+    element->value = std::move(now);
     std::vector<uint8_t> update = encode(uid, element->type, element->value);
     console::note(label(c) + ": Set " + element->name + " = " +
-                  element->value.dump(-1, ' ', false, Json::error_handler_t::replace));
+                  element->value.dump(-1, ' ', false, Json::error_handler_t::replace) +
+                  (changed ? "" : " (unchanged)"));
     // Queued behind the Set's own answer, which the library sends when this returns.
     for (const auto& other : connections_) {
-        if (other->onChange.count(uid)) {
-            sdk().sourceSendGetResponse(other->endpoint, other->sbpId, nullptr, kCommandSubscribe,
-                                        uid, kResultOk, update.data(),
-                                        static_cast<uint32_t>(update.size()));
+        if (changed && other->onChange.count(uid)) {
+            sdk().sourceSendGetResponse(other->endpoint, other->sbpId, nullptr,
+                                        ZELSBPCommandSubscribe, uid, ZELSBPResultSuccess,
+                                        update.data(), static_cast<uint32_t>(update.size()));
         }
     }
-    *result = kResultOk;
+    *result = ZELSBPResultSuccess;
     return ZELCDBErrorLocalSBPError;
 }
 
@@ -254,25 +264,25 @@ ZELCDBError Server::subscribe(Connection& c, uint32_t uid, uint32_t* type, uint3
     std::lock_guard<std::mutex> lock(mutex_);
     if (!file_.find(uid)) {
         console::message(label(c) + ": Subscribe to unknown element " + hex32(uid) + " refused");
-        *result = kResultNotSupported;
+        *result = ZELSBPResultFailed;
         return ZELCDBErrorLocalSBPError;
     }
-    if (*type == kSubscribeEither) *type = kSubscribeOnChange;
-    if (*type == kSubscribeOnChange) {
+    if (*type == ZELSBPSubscribeEither) *type = ZELSBPSubscribeOnChange;
+    if (*type == ZELSBPSubscribeOnChange) {
         // The interval means nothing here, but the library checks it all the same.
-        if (*interval == 0 || *interval > kMaxInterval) *interval = 1000;
+        if (*interval == 0 || *interval > ZELSBP_SUBSCRIBE_INTERVAL_MAX) *interval = 1000;
         c.onChange.insert(uid);
         console::note(label(c) + ": Subscribe " + nameOf(uid) + " on change");
     } else {
         console::note(label(c) + ": Subscribe " + nameOf(uid) + " every " +
                       std::to_string(*interval) + " ms");
     }
-    *result = kResultOk;
+    *result = ZELSBPResultSuccess;
     return ZELCDBErrorLocalSBPError;
 }
 
 void Server::cancel(Connection& c, uint32_t command, uint32_t uid) {
-    if (command != kCommandSubscribe) return;
+    if (command != ZELSBPCommandSubscribe) return;
     std::lock_guard<std::mutex> lock(mutex_);
     c.onChange.erase(uid);
     console::note(label(c) + ": Cancel subscription to " + nameOf(uid));
@@ -299,11 +309,6 @@ void Server::open() {
     parameters.versionMinor = 1;
     ZELCDBError error = sdk().endpointCreate(&connection->endpoint, &parameters, sizeof parameters,
                                              &kEndpointCallbacks, sizeof kEndpointCallbacks);
-    if (error == ZELCDBErrorInvalidParameter) {
-        throw Failure(kExitUsage, "invalid URL '" + args_.url +
-                                      "': expected scheme://IPV4-ADDRESS:PORT, such as "
-                                      "cdb://127.0.0.1:9000");
-    }
     if (error != ZELCDBErrorNone) {
         throw Failure(kExitConnection, "cannot create an endpoint: " + errorText(error));
     }
@@ -371,7 +376,32 @@ void Server::closeAll() {
     }
 }
 
+// The library binds on its own thread and says nothing once it listens, so a port in use
+// would show only after serve had said it serves. Binding here first, as the library does,
+// finds that out before anything is promised.
+void checkCanListen(const std::string& url) {
+    Address address = checkUrl(url);
+    sockaddr_in socketAddress{};
+    socketAddress.sin_family = AF_INET;
+    socketAddress.sin_port = htons(address.port);
+    inet_pton(AF_INET, address.host.c_str(), &socketAddress.sin_addr);
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int reuse = 1;
+    int error = 0;
+    if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) != 0 ||
+        bind(fd, reinterpret_cast<const sockaddr*>(&socketAddress), sizeof socketAddress) != 0) {
+        error = errno;
+    }
+    if (fd >= 0) ::close(fd);
+    if (error != 0) {
+        throw Failure(kExitConnection, "cannot listen on " + url +
+                                           ": bind() failed: " + std::strerror(error) + " (" +
+                                           std::to_string(error) + ")");
+    }
+}
+
 int Server::run() {
+    if (!args_.client) checkCanListen(args_.url);
     open();
     console::message("serving " + service_.name + " " + std::to_string(service_.versionMajor) +
                      "." + std::to_string(service_.versionMinor) + " (" +
@@ -412,8 +442,6 @@ int Server::run() {
         close(connection);
         if (wasConnected) {
             console::note(who + " left");
-        } else if (isBadHost(detail)) {
-            throw Failure(kExitUsage, badHostMessage(args_.url));
         } else if (!args_.client) {
             throw Failure(kExitConnection, "cannot listen on " + args_.url + ": " +
                                                (detail.empty() ? errorText(event->error) : detail));
@@ -460,6 +488,7 @@ int runServe(const ServeArgs& args) {
                           : !file.service.empty() ? file.service
                                                   : "zelcdb:1.0";
     ServiceName name = parseServiceName(service);
+    checkUrl(args.url);
     if (!args.echo.empty() && (args.echo == name.name || args.echo.size() > 255)) {
         throw Failure(kExitUsage, "the echo service needs a name of its own, up to 255 bytes");
     }

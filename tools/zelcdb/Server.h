@@ -1,6 +1,7 @@
 // `zelcdb serve`: an SBP source whose elements come from an element file.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace zelcdb {

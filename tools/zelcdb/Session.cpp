@@ -1,6 +1,8 @@
 #include "Session.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <future>
 #include <memory>
 #include <thread>
@@ -83,6 +85,7 @@ const ZELCDBSinkCallbacks kPlainSinkCallbacks = {
 }  // namespace
 
 Session::Session(ConnectOptions options) : options_(std::move(options)) {
+    checkUrl(options_.url);
     requireEndpoints();
     ZELCDBEndpointParameters parameters{};
     parameters.url = options_.url.c_str();
@@ -97,11 +100,6 @@ Session::Session(ConnectOptions options) : options_(std::move(options)) {
     callbacks.servicesRequestTimeoutCallback = &Session::onServicesTimeout;
     ZELCDBError error = sdk().endpointCreate(&endpoint_, &parameters, sizeof parameters, &callbacks,
                                              sizeof callbacks);
-    if (error == ZELCDBErrorInvalidParameter) {
-        throw Failure(kExitUsage, "invalid URL '" + options_.url +
-                                      "': expected scheme://IPV4-ADDRESS:PORT, such as "
-                                      "cdb://127.0.0.1:9000");
-    }
     if (error != ZELCDBErrorNone) {
         throw Failure(kExitConnection, "cannot create an endpoint: " + errorText(error));
     }
@@ -121,6 +119,11 @@ bool Session::abandonedAny() {
 
 void Session::close() {
     if (!endpoint_) return;
+    if (!running_) {  // its thread ended by itself: nothing to stop
+        sdk().endpointDestroy(endpoint_);
+        endpoint_ = nullptr;
+        return;
+    }
     // Stopping sends ByeBye and waits for the peer's answer, for up to five seconds. A peer
     // that answers nothing is not worth the wait: after a second the endpoint is left to
     // itself, and the process must then leave without running destructors under it.
@@ -144,11 +147,13 @@ void Session::close() {
 void Session::onLog(ZELCDBEndpoint*, void* context, const char* category, int32_t level,
                     const char* text) {
     console::libraryLog(category, level, text);
-    if (level <= ZELCDBLogError && context && text) {
-        Session& session = sessionOf(context);
-        std::lock_guard<std::mutex> lock(session.mutex_);
-        session.lastError_ = text;
-    }
+    if (!context || !text) return;
+    Session& session = sessionOf(context);
+    std::lock_guard<std::mutex> lock(session.mutex_);
+    if (level <= ZELCDBLogError) session.lastError_ = text;
+    // The library tells the application nothing else of the peer's ByeBye, and a server
+    // endpoint that answered one still ends with "Connection lost".
+    if (std::strcmp(text, "Received ByeBye") == 0) session.byeBye_ = true;
 }
 
 void Session::onStatus(ZELCDBEndpoint* endpoint, void*, int32_t status, ZELCDBError error) {
@@ -184,22 +189,35 @@ Session::Clock::time_point Session::deadline() const {
     return Clock::now() + std::chrono::milliseconds(options_.timeoutMs);
 }
 
-void Session::connectionEnded(ZELCDBError error) {
-    running_ = false;
+std::optional<Session::Clock::time_point> Session::openDeadline() const {
+    if (!options_.timeoutGiven) return std::nullopt;
+    return deadline();
+}
+
+std::string Session::endReason(ZELCDBError error) {
     std::string detail;
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        if (byeBye_) return "the peer ended it (ByeBye)";
         detail = lastError_;
     }
     // The library logs what ended its thread as "Caught exception: <what>".
     const std::string prefix = "Caught exception: ";
     if (detail.compare(0, prefix.size(), prefix) == 0) detail = detail.substr(prefix.size());
-    if (detail.empty()) detail = errorText(error);
-    if (isBadHost(detail)) throw Failure(kExitUsage, badHostMessage(options_.url));
-    if (!connected_) {
-        throw Failure(kExitConnection, "cannot connect to " + options_.url + ": " + detail);
+    if (detail == "End of stream" || detail == "Connection lost") {
+        return "the peer closed it without ByeBye";
     }
-    throw Failure(kExitConnection, "the connection to " + options_.url + " ended: " + detail);
+    return detail.empty() ? errorText(error) : detail;
+}
+
+void Session::connectionEnded(ZELCDBError error) {
+    running_ = false;
+    std::string reason = endReason(error);
+    if (attempts_ > 1) reason += " (" + std::to_string(attempts_) + " attempts)";
+    if (!connected_) {
+        throw Failure(kExitConnection, "cannot connect to " + options_.url + ": " + reason);
+    }
+    throw Failure(kExitConnection, "the connection to " + options_.url + " ended: " + reason);
 }
 
 Event Session::next(const std::string& waitingFor) {
@@ -218,6 +236,10 @@ std::optional<Event> Session::poll(std::optional<Clock::time_point> until) {
                     connected_ = true;
                     console::note("connected to " + options_.url);
                 } else if (event->status == ZELCDBStatusStopping) {
+                    std::string reason = endReason(event->error);
+                    bool turnedAway = reason.find("refused") != std::string::npos ||
+                                      reason.find("reset by peer") != std::string::npos;
+                    if (connecting_ && !options_.waitForPeer && turnedAway) return event;
                     connectionEnded(event->error);
                 }
                 continue;
@@ -246,23 +268,61 @@ void Session::pauseUntil(Clock::time_point until) {
     }
 }
 
-void Session::connect() {
+void Session::start() {
+    ++attempts_;
     ZELCDBError error = sdk().endpointStart(endpoint_);
     if (error != ZELCDBErrorNone) {
         throw Failure(kExitConnection, "cannot start the endpoint: " + errorText(error));
     }
     running_ = true;
+}
+
+void Session::connect() {
+    start();
     if (options_.waitForPeer) console::note("waiting for a peer on " + options_.url);
-    // Waiting for a peer to come has no time limit; connecting and the list of services
-    // share one otherwise.
-    std::optional<Clock::time_point> until;
-    if (!options_.waitForPeer) until = deadline();
+    // Connecting and the list of services share one deadline; waiting for a peer to come
+    // has none of its own unless --timeout says so.
+    std::optional<Clock::time_point> until = options_.waitForPeer ? openDeadline() : deadline();
+    bool listing = false;
+    auto pause = std::chrono::milliseconds(20);
+    connecting_ = true;
     for (;;) {
         std::optional<Event> event = poll(until);
+        if (!event && !connected_ && options_.waitForPeer) {
+            throw Failure(kExitTimeout, "time-out: no peer connected to " + options_.url +
+                                            " within " + std::to_string(options_.timeoutMs) +
+                                            " ms");
+        }
         if (!event) timedOut(connected_ ? "list of services" : "connection");
         if (event->kind == EventKind::PeerServices) break;
-        if (connected_ && !until) until = deadline();
+        if (event->kind == EventKind::EndpointStatus) {
+            // Refused or reset (poll() lets only those through): the server is busy with
+            // another peer, or not up yet.
+            running_ = false;
+            // The pauses double, and shrink again as the deadline nears.
+            auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(*until - Clock::now());
+            if (left.count() < 10) connectionEnded(event->error);
+            auto wait = std::min(pause, left / 2);
+            console::note("not connected (" + endReason(event->error) + "); trying again in " +
+                          std::to_string(wait.count()) + " ms");
+            pauseUntil(Clock::now() + wait);
+            pause = std::min(pause * 2, std::chrono::milliseconds(320));
+            connected_ = false;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                lastError_.clear();
+                byeBye_ = false;
+            }
+            start();
+            continue;
+        }
+        if (connected_ && !listing) {
+            listing = true;
+            if (options_.waitForPeer) until = deadline();
+        }
     }
+    connecting_ = false;
     std::lock_guard<std::mutex> lock(mutex_);
     services_ = listed_;
 }
@@ -289,7 +349,7 @@ void Session::startService(const PeerService& service) {
     for (;;) {
         Event event = next("answer to StartService of " + service.name);
         if (event.kind != EventKind::SinkStatus) continue;
-        if (event.status == kServiceStarted) break;
+        if (event.status == ZELCDBServiceResponseStarted) break;
         throw Failure(kExitRefused, "the peer refused to start " + service.name +
                                         " (CDB response " + hex16(uint16_t(event.status)) + ")");
     }

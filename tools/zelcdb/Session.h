@@ -18,6 +18,9 @@ struct ConnectOptions {
     std::string url;
     bool waitForPeer = false;  // be the server endpoint: wait for the peer to connect
     int timeoutMs = 5000;      // for every step that waits on the peer
+    // --timeout was given: it then also limits the waits that otherwise last until Ctrl-C
+    // (a peer to connect with waitForPeer, the next update or payload).
+    bool timeoutGiven = false;
 };
 
 struct PeerService {
@@ -37,7 +40,9 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Connects and waits for the peer's list of services.
+    // Connects and waits for the peer's list of services. A client tries again, after a short
+    // pause, while its connection is refused or reset before the peer lists its services:
+    // a server endpoint serves one peer at a time and turns the others away meanwhile.
     void connect();
     const std::vector<PeerService>& services() const { return services_; }
     // A service by name or by ID (decimal or 0x hex); the error lists what the peer offers.
@@ -56,6 +61,8 @@ public:
     Event next(const std::string& waitingFor);
     Event nextUntil(std::optional<Clock::time_point> deadline, const std::string& waitingFor);
     Clock::time_point deadline() const;
+    // The deadline for a wait that has no natural end: none unless --timeout was given.
+    std::optional<Clock::time_point> openDeadline() const;
     // Lets time pass, passing over events, unless the connection ends or Ctrl-C comes.
     void pauseUntil(Clock::time_point until);
 
@@ -71,6 +78,9 @@ private:
     std::optional<Event> poll(std::optional<Clock::time_point> until);
     [[noreturn]] void timedOut(const std::string& waitingFor) const;
     void close();
+    void start();
+    // What ended the endpoint thread, from the library's last error line.
+    std::string endReason(ZELCDBError error);
     static void onLog(ZELCDBEndpoint*, void*, const char*, int32_t, const char*);
     static void onStatus(ZELCDBEndpoint*, void*, int32_t, ZELCDBError);
     static void onServicesAdded(ZELCDBEndpoint*, void*, uint8_t, uint8_t, const ZELCDBService*,
@@ -83,10 +93,13 @@ private:
     ZELCDBEndpoint* endpoint_ = nullptr;
     bool running_ = false;
     bool connected_ = false;
+    bool connecting_ = false;  // in connect(): a refused or reset connection is retried
+    int attempts_ = 0;
     std::vector<PeerService> services_;
     uint16_t serviceId_ = 0;
     std::vector<PeerService> listed_;  // guarded by mutex_: filled on the endpoint thread
     std::string lastError_;            // guarded by mutex_: the library's last error line
+    bool byeBye_ = false;              // guarded by mutex_: the peer said ByeBye
     mutable std::mutex mutex_;
 };
 

@@ -2,13 +2,18 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cctype>
 #include <climits>
 #include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "ClientCommands.h"
 #include "Console.h"
 #include "Failure.h"
 #include "Inbox.h"
+#include "Library.h"
 #include "Server.h"
 
 namespace {
@@ -17,23 +22,31 @@ using namespace zelcdb;
 
 const char* const kFooter = R"(
 Exit codes:
-  0    done; Ctrl-C is the normal end of serve, listen, and subscribe without --count
+  0    done; Ctrl-C (or SIGTERM) is the normal end of serve, and of listen and subscribe
+       without --count
   1    the peer refused a request or answered with an error
   2    bad command line or value: unknown option, value of the wrong type, bad JSON or hex
   3    cannot connect, or the connection was lost
   4    unknown service or element
   5    time-out: the peer did not answer in time
   6    the element file cannot be read or is malformed
-  130  interrupted by Ctrl-C)";
+  130  interrupted by Ctrl-C or SIGTERM before the command got what it was asked for)";
+
+// Each command's --timeout, to tell after parsing whether it was given.
+std::vector<std::pair<const CLI::Option*, ConnectOptions*>> timeoutOptions;
 
 void addConnect(CLI::App* command, ConnectOptions& connect) {
     command->add_option("URL", connect.url, "the peer, cdb://IPV4-ADDRESS:PORT")->required();
-    command
-        ->add_option("--timeout", connect.timeoutMs,
-                     "milliseconds to wait for the connection, the peer's list of services "
-                     "and each reply; SBP requests time out after 5 s of silence")
-        ->default_val(5000)
-        ->check(CLI::Range(1, 3600000));
+    const CLI::Option* timeout =
+        command
+            ->add_option("--timeout", connect.timeoutMs,
+                         "milliseconds to wait for the connection (retried while refused), "
+                         "the peer's list of services and each reply; given, it also limits "
+                         "the wait for a peer with --server and for each update or payload. "
+                         "SBP requests time out after 5 s of silence")
+            ->default_val(5000)
+            ->check(CLI::Range(1, 3600000));
+    timeoutOptions.emplace_back(timeout, &connect);
     command->add_flag("--server", connect.waitForPeer,
                       "be the server endpoint: wait for the peer to connect to URL");
 }
@@ -54,6 +67,35 @@ void addElementOptions(CLI::App* command, ElementArgs& elements) {
     command->add_flag("--raw", elements.raw, "SBP data as hex instead of JSON");
 }
 
+// CLI11 reports a missing argument before an unknown option, so "get --bogus" would only
+// say that the URL is required. The first option that neither zelcdb nor the command knows.
+std::string unknownOption(const CLI::App& app, const CLI::App* command, int argc, char** argv) {
+    bool afterCommand = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--") break;
+        // Values such as -5 or -.5 are not options.
+        if (arg.size() < 2 || arg[0] != '-' ||
+            !(arg[1] == '-' || std::isalpha(static_cast<unsigned char>(arg[1])))) {
+            afterCommand = afterCommand || (command && arg == command->get_name());
+            continue;
+        }
+        // "--name=value", and "-vv" or "-n3": a short option's name is its first letter.
+        std::string name = arg[1] == '-' ? arg.substr(0, arg.find('=')) : arg.substr(0, 2);
+        if (app.get_option_no_throw(name)) continue;
+        if (afterCommand && command->get_option_no_throw(name)) continue;
+        return arg;
+    }
+    return "";
+}
+
+std::string versionText() {
+    const ZELCDBSDK& table = sdk();
+    return "zelcdb, libzelcdbsdk " + std::to_string(table.versionMajor) + "." +
+           std::to_string(table.versionMinor) + "." + std::to_string(table.versionPatch) +
+           " (build " + std::to_string(table.versionBuild) + ")";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -68,6 +110,7 @@ int main(int argc, char** argv) {
     int verbosity = 0;
     app.add_flag("-v,--verbose", verbosity,
                  "show the library's log: -v errors, warnings and information, -vv all");
+    app.set_version_flag("--version", versionText, "the version of zelcdb's library");
 
     ServeArgs serve;
     CLI::App* serveCommand = app.add_subcommand(
@@ -166,27 +209,39 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0, INT_MAX));
 
     // CLI11 would only say that a command is missing.
+    const CLI::App* chosen = nullptr;
     for (int i = 1; i < argc; ++i) {
         if (argv[i][0] == '-') continue;
-        bool known = false;
         std::string list;
         for (const CLI::App* command : app.get_subcommands({})) {
-            known = known || command->get_name() == argv[i];
+            if (command->get_name() == argv[i]) chosen = command;
             list += (list.empty() ? "" : ", ") + command->get_name();
         }
-        if (!known) {
+        if (!chosen) {
             std::fprintf(stderr, "zelcdb: unknown command '%s' (%s)\n", argv[i], list.c_str());
             return kExitUsage;
         }
         break;
     }
+    std::string unknown = unknownOption(app, chosen, argc, argv);
+    if (!unknown.empty()) {
+        std::string where = chosen ? " " + chosen->get_name() : "";
+        std::fprintf(stderr, "zelcdb: unknown option '%s' (see zelcdb%s --help)\n", unknown.c_str(),
+                     where.c_str());
+        return kExitUsage;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0) return app.exit(e);  // --help
+        if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
         std::fprintf(stderr, "zelcdb: %s (see zelcdb --help)\n", e.what());
         return kExitUsage;
+    } catch (const Failure& failure) {  // --version, when the library refuses
+        std::fprintf(stderr, "zelcdb: %s\n", failure.what());
+        return failure.exitCode();
     }
+    for (const auto& [option, connect] : timeoutOptions)
+        connect->timeoutGiven = option->count() > 0;
     if (*subscribeCommand && !onChange && subscribe.periodicMs == 0) {
         std::fprintf(stderr, "zelcdb: subscribe needs --periodic MS or --on-change\n");
         return kExitUsage;

@@ -1,0 +1,324 @@
+#pragma once
+
+// One SBP sink or source alone on a manual clock. The test plays the peer and the
+// application in steps written as text, and reads back one trace of everything the unit sent
+// and told the application, in the order it happened.
+//
+// Packets read "<Name> #<packetId> <uid> [<commandValue>] [+<n>]", numbers in hex, the value
+// left out when 0, +n a payload of n bytes 01 02 03 ... ("+?n" in a trace: other bytes).
+// Steps, separated by "; ":
+//   a packet, or raw <hex>   the peer sends it
+//   +<ms>                    time passes
+//   the sink's application:  get <uid> | set <uid> +n | subscribe <uid> <type> <interval>
+//       | cancel <uid> <command> | alive <seconds> | auth <command> <uid> <result> [+n],
+//       a last word @<label> being the request's context, shown in the callbacks about it
+//   the source's application, how it answers from now on: answer later | answer now <result>
+//       | answer fail | type <t> | interval <i> | refuse (start and stop); and its late
+//       answers: reply <command> <uid> <result> [+n] | subscribed <uid> <result>
+//       | setdone <uid> <result> | challenge <command> <uid> [+n]
+//   the session: status <code> (to a sink) | start | stop (to a source) | end | nosession
+// The trace: sent packets, "ServiceResponse <code>", "StopService", the callbacks ("get b1 5",
+// "data@g b1 5 +8"; a "?" marks one made outside the host's callback bracket) and
+// "! <text>" for each warning or error logged; "<ms>: " before an item a timer caused, the
+// time since the first step.
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdlib>
+#include <deque>
+#include <initializer_list>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "TestText.h"
+#include "cdb/CDBEndpointHost.h"
+#include "plat/DString.h"
+#include "plat/ManualClock.h"
+#include "plat/TimerManager.h"
+#include "sbp/SBPPacket.h"
+#include "sbp/ZELSBPSink.h"
+#include "sbp/ZELSBPSource.h"
+
+namespace sbptest {
+
+using zeltest::Bytes;
+using zeltest::format;
+
+inline const char* const kCommandNames[] = {"Get",       "Set",          "Subscribe",
+                                            "Cancel",    "AliveRequest", "AliveResponse",
+                                            "Challenge", "AuthResponse", "Response"};
+
+inline Bytes pattern(size_t n) {
+    Bytes bytes(n);
+    for (size_t i = 0; i < n; ++i) bytes[i] = static_cast<uint8_t>(i + 1);
+    return bytes;
+}
+inline std::string payloadText(const uint8_t* data, size_t size) {
+    if (size == 0) return "";
+    return (Bytes(data, data + size) == pattern(size) ? " +" : " +?") + std::to_string(size);
+}
+inline std::string describe(const zelcdbsdk::SBPPacket& p) {
+    std::string name = p.command >= 0xB1 && p.command <= 0xB9 ? kCommandNames[p.command - 0xB1]
+                                                              : format("0x%x", p.command);
+    return format("%s #%x %x", name.c_str(), p.packetId, p.uid) +
+           (p.commandValue ? format(" %x", p.commandValue) : "") +
+           payloadText(p.payload, p.payloadSize);
+}
+// A packet in the notation above; the name may also be a code ("0xba").
+inline Bytes encode(const std::string& text) {
+    std::istringstream in(text);
+    std::string name, word;
+    in >> name;
+    auto known = std::find(std::begin(kCommandNames), std::end(kCommandNames), name);
+    uint32_t n[4] = {static_cast<uint32_t>(known - kCommandNames + 0xB1), 0, 0, 0};
+    if (known == std::end(kCommandNames)) n[0] = std::strtoul(name.c_str(), nullptr, 16);
+    size_t count = 1, size = 0;
+    while (in >> word) {
+        if (word[0] == '+') {
+            size = std::strtoul(word.c_str() + 1, nullptr, 10);
+        } else if (count < 4) {
+            n[count++] = std::strtoul(word.c_str() + (word[0] == '#'), nullptr, 16);
+        }
+    }
+    rdr::MemOutStream out;
+    Bytes payload = pattern(size);
+    zelcdbsdk::writeSBPPacket(out, static_cast<uint8_t>(n[0]), n[2], static_cast<uint16_t>(n[1]),
+                              n[3], payload.data(), size);
+    return Bytes(out.data(), out.data() + out.length());
+}
+
+class SBPScript : public zelcdbsdk::CDBEndpointHost, public plat::Logger {
+public:
+    static constexpr uint16_t kServiceId = 0x4001;
+
+    // The unit is made, and its service started, at the first run(): until then a test may
+    // change the callbacks.
+    explicit SBPScript(bool sink) : isSink_(sink) {}
+    ~SBPScript() override {
+        if (unit_) unit_->release();
+    }
+
+    // Runs the steps; returns what they caused, items joined by " | ".
+    std::string run(const std::string& steps) {
+        if (!unit_) create();
+        trace_.clear();
+        for (size_t at = 0, end; at < steps.size(); at = end + 2) {
+            end = std::min(steps.find("; ", at), steps.size());
+            step(steps.substr(at, end - at));
+        }
+        std::string joined;
+        for (const std::string& item : trace_) joined += (joined.empty() ? "" : " | ") + item;
+        return joined;
+    }
+
+    ZELSBPSink* sink = nullptr;
+    ZELSBPSource* source = nullptr;
+    ZELSBPSinkCallbacks sinkCallbacks = sinkTable();
+    ZELSBPSourceCallbacks sourceCallbacks = sourceTable();
+    plat::ManualClock clock;
+    bool tracing = true;
+
+    // The host, as the unit sees it.
+    ZELCDBEndpoint* endpointHandle() override { return nullptr; }
+    void* endpointContext() override { return this; }
+    void enterCallback() override { ++depth_; }
+    void leaveCallback() override { --depth_; }
+    bool hasSession() override { return session_; }
+    void sendServicePayload(uint16_t serviceId, const uint8_t* data, size_t length) override {
+        zelcdbsdk::SBPPacket p;
+        bool ok = zelcdbsdk::readSBPPacket(data, length, {"peer", nullptr}, &p) == ZELCDBErrorNone;
+        note(ok && serviceId == kServiceId ? describe(p) : "unreadable");
+    }
+    void sendServiceResponse(uint16_t, uint16_t code) override {
+        note(format("ServiceResponse %x", code));
+    }
+    void stopPeerService(uint16_t) override { note("StopService"); }
+    void log(int level, const char*, const char* text, va_list args) override {
+        if (level > plat::kLogWarning) return;
+        plat::DString line;
+        line.formatV(text, args);
+        note(std::string("! ") + line.c_str());
+    }
+
+private:
+    void create() {
+        if (isSink_) {
+            unit_ = sink =
+                new ZELSBPSink(this, kServiceId, this, &sinkCallbacks, sizeof sinkCallbacks);
+            sink->serviceResponse(1);
+        } else {
+            unit_ = source = new ZELSBPSource(this, this, &sourceCallbacks, sizeof sourceCallbacks);
+            source->setServiceId(kServiceId);
+            source->startService({1, 0});
+        }
+    }
+
+    void step(const std::string& text) {
+        std::istringstream in(text);
+        std::string verb, word, how;
+        in >> verb;
+        uint32_t n[4] = {0, 0, 0, 0};  // the numbers after the verb
+        size_t count = 0, size = 0;
+        void* context = nullptr;
+        while (in >> word) {
+            if (word[0] == '+') {
+                size = std::strtoul(word.c_str() + 1, nullptr, 10);
+            } else if (word[0] == '@') {
+                context = &labels_.emplace_back(word.substr(1));
+            } else if (count < 4) {
+                if (how.empty()) how = word;
+                n[count++] = static_cast<uint32_t>(std::strtol(word.c_str(), nullptr, 16));
+            }
+        }
+        const Bytes payload = pattern(size);
+        const uint8_t* data = payload.data();
+        if (verb[0] == '+') {
+            elapsedMs_ += std::atoi(verb.c_str() + 1);
+            clock.advanceMs(std::atoi(verb.c_str() + 1));
+            timersFiring_ = true;
+            timers_.processTimers();
+            timersFiring_ = false;
+        } else if (verb == "raw") {
+            Bytes bytes = zeltest::parseHex(text.substr(4));
+            unit_->servicePayload(bytes.data(), bytes.size());
+        } else if (std::isupper(static_cast<unsigned char>(verb[0])) || verb[0] == '0') {
+            Bytes bytes = encode(text);
+            unit_->servicePayload(bytes.data(), bytes.size());
+        } else if (verb == "end") {
+            unit_->sessionEnded();
+        } else if (verb == "nosession") {
+            session_ = false;
+        } else if (sink) {
+            if (verb == "get") sink->sendGet(context, n[0]);
+            if (verb == "set") sink->sendSet(context, n[0], data, size);
+            if (verb == "subscribe") sink->sendSubscribe(context, n[0], n[1], n[2]);
+            if (verb == "cancel") sink->sendCancel(context, n[0], n[1]);
+            if (verb == "alive") sink->sendAlive(context, static_cast<int32_t>(n[0]));
+            if (verb == "auth")
+                sink->sendServiceAuthResponse(context, n[0], n[1], n[2], data, size);
+            if (verb == "status") sink->serviceResponse(static_cast<uint16_t>(n[0]));
+        } else {
+            if (verb == "answer") {
+                answer_ = how == "later"  ? ZELCDBErrorNone
+                          : how == "fail" ? ZELCDBErrorFailed
+                                          : ZELCDBErrorLocalSBPError;
+                result_ = n[1];
+            }
+            if (verb == "type") type_ = static_cast<int>(n[0]);
+            if (verb == "interval") interval_ = n[0];
+            if (verb == "refuse") refuse_ = 1;
+            if (verb == "reply") source->sendGetResponse(n[0], n[1], n[2], data, size);
+            if (verb == "subscribed") source->sendSubscribeResponse(n[0], n[1]);
+            if (verb == "setdone") source->sendSetResponse(n[0], n[1]);
+            if (verb == "challenge") source->sendServiceAuthChallenge(n[0], n[1], data, size);
+            if (verb == "start") source->startService({1, 0});
+            if (verb == "stop") source->stopService();
+        }
+    }
+
+    void note(const std::string& item) {
+        if (tracing) trace_.push_back(timersFiring_ ? format("%d: ", elapsedMs_) + item : item);
+    }
+    // One callback's item: "<word>[@<context>] <numbers in hex> [+n]<tail>".
+    static SBPScript& call(void* self, const char* word, void* context,
+                           std::initializer_list<uint32_t> numbers, const uint8_t* data = nullptr,
+                           int32_t size = 0, const std::string& tail = "") {
+        SBPScript& s = *static_cast<SBPScript*>(self);
+        std::string item = word + (context ? "@" + *static_cast<std::string*>(context) : "");
+        for (uint32_t n : numbers) item += format(" %x", n);
+        item += payloadText(data, static_cast<size_t>(size)) + tail;
+        s.note(s.depth_ == 1 ? item : item + "?");
+        return s;
+    }
+    ZELCDBError answer(uint32_t* result) const {
+        *result = result_;
+        return answer_;
+    }
+
+    using E = ZELCDBEndpoint;
+    static ZELSBPSinkCallbacks sinkTable() {
+        ZELSBPSinkCallbacks t{};
+        t.serviceStatusCallback = [](E*, void*, uint16_t, void* c, uint16_t status) {
+            call(c, "status", nullptr, {status});
+        };
+        t.dataCallback = [](E*, uint16_t, void* c, void* r, uint32_t command, uint32_t uid,
+                            const uint8_t* data, int32_t size) {
+            call(c, "data", r, {command, uid}, data, size);
+        };
+        t.setDoneCallback = [](E*, uint16_t, void* c, void* r, uint32_t uid) {
+            call(c, "setdone", r, {uid});
+        };
+        t.subscribedCallback = [](E*, uint16_t, void* c, void* r, uint32_t uid) {
+            call(c, "subscribed", r, {uid});
+        };
+        t.cancelledCallback = [](E*, uint16_t, void* c, void* r, uint32_t command, uint32_t uid) {
+            call(c, "cancelled", r, {command, uid});
+        };
+        t.errorCallback = [](E*, uint16_t, void* c, void* r, uint32_t command, uint32_t uid,
+                             ZELCDBError error, uint32_t result) {
+            call(c, "error", r, {command, uid}, nullptr, 0, format(" %d %x", error, result));
+        };
+        t.authChallengeCallback = [](E*, uint16_t, void* c, void* r, uint32_t command, uint32_t uid,
+                                     const uint8_t* data, int32_t size) {
+            call(c, "challenge", r, {command, uid}, data, size);
+        };
+        t.aliveResponseCallback = [](E*, uint16_t, void* c, void* r) { call(c, "alive", r, {}); };
+        return t;
+    }
+    static ZELSBPSourceCallbacks sourceTable() {
+        ZELSBPSourceCallbacks t{};
+        t.serviceStartCallback = [](E*, void*, uint16_t, void* c, uint8_t, uint8_t) {
+            return call(c, "started", nullptr, {}).refuse_;
+        };
+        t.serviceStopCallback = [](E*, void*, uint16_t, void* c) {
+            return call(c, "stopped", nullptr, {}).refuse_;
+        };
+        t.serviceTerminatedCallback = [](E*, uint16_t, void* c) {
+            call(c, "terminated", nullptr, {});
+        };
+        t.getCallback = [](E*, uint16_t, void* c, uint32_t command, uint32_t uid,
+                           uint32_t* result) {
+            return call(c, "get", nullptr, {command, uid}).answer(result);
+        };
+        t.setCallback = [](E*, uint16_t, void* c, uint32_t uid, const uint8_t* data, int32_t size,
+                           uint32_t* result) {
+            return call(c, "set", nullptr, {uid}, data, size).answer(result);
+        };
+        t.subscribeCallback = [](E*, uint16_t, void* c, uint32_t uid, uint32_t* type,
+                                 uint32_t* interval, uint32_t* result) {
+            SBPScript& s = call(c, "subscribe", nullptr, {uid, *type, *interval});
+            if (s.type_ >= 0) *type = static_cast<uint32_t>(s.type_);
+            if (s.interval_) *interval = s.interval_;
+            return s.answer(result);
+        };
+        t.cancelCallback = [](E*, uint16_t, void* c, uint32_t command, uint32_t uid) {
+            call(c, "cancel", nullptr, {command, uid});
+        };
+        t.authResponseCallback = [](E*, uint16_t, void* c, void*, uint32_t command, uint32_t uid,
+                                    uint32_t result, const uint8_t* data, int32_t size) {
+            call(c, "auth", nullptr, {command, uid, result}, data, size);
+        };
+        return t;
+    }
+
+    bool isSink_;
+    plat::ScopedClock useClock_{&clock};
+    plat::ScopedCurrentLogger useLog_{this};
+    plat::TimerManager timers_;
+    zelcdbsdk::CDBService::Handler* unit_ = nullptr;
+    std::vector<std::string> trace_;
+    std::deque<std::string> labels_;
+    int depth_ = 0;
+    int elapsedMs_ = 0;
+    bool timersFiring_ = false;
+    bool session_ = true;
+    // How the source's application answers.
+    ZELCDBError answer_ = ZELCDBErrorLocalSBPError;
+    uint32_t result_ = 0;
+    int type_ = -1;
+    uint32_t interval_ = 0;
+    int32_t refuse_ = 0;
+};
+
+}  // namespace sbptest
