@@ -451,4 +451,32 @@ TEST(CDBSession, ServerOutOfDescriptorsPausesAndAcceptsLater) {
          {B::advance(1), "connected | removed 1.1 [] | added 1.1 [] | 30 Connection established"}});
 }
 
+// Sends while the server still listens are dropped, and the burst is logged once: the peer
+// that connects next reads the directory first and nothing of a send made before it came.
+TEST(CDBSession, SendsWhileListeningAreDroppedAndLoggedOncePerBurst) {
+    Bench b(Role::kServer);
+    b.tcp = true;
+    b.preamble = false;
+    b.addService("svc", {1, 0});
+    const uint8_t data[3] = {1, 2, 3};
+    const Step send = B::on([&](CDBSession& s) {
+        s.sendServicePayload(0x4001, data, sizeof data);
+        s.sendServicePayload(0x4001, data, sizeof data);
+        s.sendServiceResponse(0x4001, 1);
+    });
+    b.play({{send, fmt("30 Listening on %s", b.url())},
+            {[](B& b) { b.connectPeer(); },
+             "connected | removed 1.1 [] | added 1.1 [] | 30 Connection established"},
+            {send,
+             "ServicePayload 0x4001 ac=0 010203 | ServicePayload 0x4001 ac=0 010203 | "
+             "ServiceResponse 0x4001 0x0001"}});
+    Lines drops;
+    for (const auto& line : b.log.lines)
+        if (line.text.find("ropp") != std::string::npos) drops.push_back(line.text);
+    EXPECT_EQ(drops, (Lines{"Dropping ServicePayload for service 16385 (0x4001) - not connected; "
+                            "counting until connected",
+                            "Dropped 3 ServicePayload and ServiceResponse messages while not "
+                            "connected"}));
+}
+
 }  // namespace
