@@ -284,6 +284,7 @@ void Session::connect() {
     // has none of its own unless --timeout says so.
     std::optional<Clock::time_point> until = options_.waitForPeer ? openDeadline() : deadline();
     bool listing = false;
+    std::string turnedAway;  // why the last try was refused or reset
     auto pause = std::chrono::milliseconds(20);
     connecting_ = true;
     for (;;) {
@@ -293,12 +294,19 @@ void Session::connect() {
                                             " within " + std::to_string(options_.timeoutMs) +
                                             " ms");
         }
+        // Time that runs out during a try after refusals is still a refusal, not a silent
+        // peer: on a slow machine the last try may not even have been answered yet.
+        if (!event && !connected_ && !turnedAway.empty()) {
+            throw Failure(kExitConnection, "cannot connect to " + options_.url + ": " + turnedAway +
+                                               " (" + std::to_string(attempts_) + " attempts)");
+        }
         if (!event) timedOut(connected_ ? "list of services" : "connection");
         if (event->kind == EventKind::PeerServices) break;
         if (event->kind == EventKind::EndpointStatus) {
             // Refused or reset (poll() lets only those through): the server is busy with
             // another peer, or not up yet.
             running_ = false;
+            turnedAway = endReason(event->error);
             // The pauses double, and shrink again as the deadline nears.
             auto left =
                 std::chrono::duration_cast<std::chrono::milliseconds>(*until - Clock::now());
