@@ -31,11 +31,9 @@ inline const ZELCDBSDK& api() {
     return table;
 }
 
+using zeltest::format;
 using zeltest::hex;
 using zeltest::parseHex;
-inline std::string hexWord(uint64_t value, int digits) {
-    return zeltest::format("%0*" PRIX64, digits, value);
-}
 
 // One serializer call of a script token; see run().
 inline ZELCDBError call(ZELSBPSerializer* s, char kind, uint32_t uid, const std::string& value,
@@ -124,9 +122,10 @@ private:
 };
 
 // A deserializer from the table whose callbacks append one space-separated token per event
-// to trace, in the letters of the call scripts: "i5:16909060", "S10:1" (structure, member
-// count), "A7:84" (array, element type), "E10" (end), "x3:ABCD", "s1:C3A9" (UTF-8 bytes),
-// "f0:3F800000" (floats and doubles as bit patterns, so that every bit counts).
+// to trace, in the call script language, so that a trace runs as a script: "i5:16909060",
+// "S10:1" (structure, member count), "A7:84" (array, element type), "E10" (end), "x3:ABCD",
+// "s1:C3A9" (UTF-8 bytes), "f0:#3F800000" (floats and doubles as bit patterns, so that every
+// bit counts).
 class Recorder {
 public:
     explicit Recorder(uint32_t callbacksSize = sizeof(ZELSBPDeserializerCallbacks),
@@ -177,11 +176,11 @@ private:
     template <typename T>
     std::string text(T v) {
         if constexpr (std::is_same_v<T, uint8_t>) {
-            return ":" + hexWord(v, 2);
+            return format(":%02X", v);
         } else if constexpr (std::is_floating_point_v<T>) {
             std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t> bits;
             std::memcpy(&bits, &v, sizeof bits);
-            return ":" + hexWord(bits, 2 * sizeof bits);
+            return format(":#%0*" PRIX64, static_cast<int>(2 * sizeof bits), uint64_t{bits});
         } else {
             return ":" + std::to_string(v);
         }

@@ -17,6 +17,7 @@
 //       answers: reply <command> <uid> <result> [+n] | subscribed <uid> <result>
 //       | setdone <uid> <result> | challenge <command> <uid> [+n]
 //   the session: status <code> (to a sink) | start | stop (to a source) | end | nosession
+//       | new (first step only: the service is not started)
 // The trace: sent packets, "ServiceResponse <code>", "StopService", the callbacks ("get b1 5",
 // "data@g b1 5 +8"; a "?" marks one made outside the host's callback bracket) and
 // "! <text>" for each warning or error logged; "<ms>: " before an item a timer caused, the
@@ -33,6 +34,7 @@
 
 #include "TestText.h"
 #include "cdb/CDBEndpointHost.h"
+#include "cdb/CDBWriter.h"
 #include "plat/DString.h"
 #include "plat/ManualClock.h"
 #include "plat/TimerManager.h"
@@ -101,7 +103,7 @@ public:
 
     // Runs the steps; returns what they caused, items joined by " | ".
     std::string run(const std::string& steps) {
-        if (!unit_) create();
+        if (!unit_) create(steps.compare(0, 3, "new") != 0);
         trace_.clear();
         for (size_t at = 0, end; at < steps.size(); at = end + 2) {
             end = std::min(steps.find("; ", at), steps.size());
@@ -126,6 +128,7 @@ public:
     void leaveCallback() override { --depth_; }
     bool hasSession() override { return session_; }
     void sendServicePayload(uint16_t serviceId, const uint8_t* data, size_t length) override {
+        writer_.sendServicePayload(serviceId, 0, data, length);  // so that its limits apply
         zelcdbsdk::SBPPacket p;
         bool ok = zelcdbsdk::readSBPPacket(data, length, {"peer", nullptr}, &p) == ZELCDBErrorNone;
         note(ok && serviceId == kServiceId ? describe(p) : "unreadable");
@@ -142,15 +145,15 @@ public:
     }
 
 private:
-    void create() {
+    void create(bool start) {
         if (isSink_) {
             unit_ = sink =
                 new ZELSBPSink(this, kServiceId, this, &sinkCallbacks, sizeof sinkCallbacks);
-            sink->serviceResponse(1);
+            if (start) sink->serviceResponse(1);
         } else {
             unit_ = source = new ZELSBPSource(this, this, &sourceCallbacks, sizeof sourceCallbacks);
             source->setServiceId(kServiceId);
-            source->startService({1, 0});
+            if (start) source->startService({1, 0});
         }
     }
 
@@ -306,6 +309,8 @@ private:
     plat::ScopedClock useClock_{&clock};
     plat::ScopedCurrentLogger useLog_{this};
     plat::TimerManager timers_;
+    rdr::MemOutStream wire_;
+    zelcdbsdk::CDBWriter writer_{wire_, nullptr};
     zelcdbsdk::CDBService::Handler* unit_ = nullptr;
     std::vector<std::string> trace_;
     std::deque<std::string> labels_;
