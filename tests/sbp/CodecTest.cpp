@@ -76,6 +76,8 @@ inline ZELCDBError call(ZELSBPSerializer* s, char kind, uint32_t uid, const std:
 
 // Runs a call script on s, checking every call's result. Space-separated tokens:
 //   L, S<uid>, A<uid>:<element type hex>, E, G      begin list/structure/array, end, get data
+//                                   (a count after S, a UID after E, as traces write them,
+//                                   are ignored)
 //   z, y, h, i, l <uid>:<value>     boolean, byte, short, int, long (C integer literal)
 //   f, d <uid>:<value>              float, double: strtod text, or #<hex> for the bit pattern
 //   x, s <uid>:<hex bytes>          bytes, string (UTF-8 bytes; NUL-terminated unless /<n>)
@@ -269,8 +271,8 @@ TEST(CodecTest, DeepNestingKeepsEveryLevelsCount) {
     constexpr uint32_t kDepth = 20;
     std::string script, closing, bytes;
     for (uint32_t level = 0; level < kDepth; ++level) {
-        script += format("S%u:%d y100:1 ", level, level + 1 == kDepth ? 2 : 3);
-        bytes += format("%08X A1 %08X 00000064 83 01", level, level + 1 == kDepth ? 2 : 3);
+        script += format("S%u:%u y100:1 ", level, level + 1 == kDepth ? 2u : 3u);
+        bytes += format("%08X A1 %08X 00000064 83 01", level, level + 1 == kDepth ? 2u : 3u);
         closing = format(" y200:2 E%u", level) + closing;
     }
     for (uint32_t level = 0; level < kDepth; ++level) bytes += "000000C8 83 02 81";
