@@ -17,6 +17,7 @@
 //       answers: reply <command> <uid> <result> [+n] | subscribed <uid> <result>
 //       | setdone <uid> <result> | challenge <command> <uid> [+n]
 //   the session: status <code> (to a sink) | start | stop (to a source) | end | nosession
+//       | new (first step only: the service is not started)
 // The trace: sent packets, "ServiceResponse <code>", "StopService", the callbacks ("get b1 5",
 // "data@g b1 5 +8"; a "?" marks one made outside the host's callback bracket) and
 // "! <text>" for each warning or error logged; "<ms>: " before an item a timer caused, the
@@ -33,6 +34,7 @@
 
 #include "TestText.h"
 #include "cdb/CDBEndpointHost.h"
+#include "cdb/CDBWriter.h"
 #include "plat/DString.h"
 #include "plat/ManualClock.h"
 #include "plat/TimerManager.h"
@@ -65,26 +67,41 @@ inline std::string describe(const zelcdbsdk::SBPPacket& p) {
            (p.commandValue ? format(" %x", p.commandValue) : "") +
            payloadText(p.payload, p.payloadSize);
 }
-// A packet in the notation above; the name may also be a code ("0xba").
-inline Bytes encode(const std::string& text) {
+// A step or packet in the notation above: its first word, numbers in hex ('#' skipped),
+// a payload size and a label.
+struct Words {
+    std::string verb, how, label;
+    uint32_t n[4] = {0, 0, 0, 0};
+    size_t size = 0;
+};
+inline Words parse(const std::string& text) {
     std::istringstream in(text);
-    std::string name, word;
-    in >> name;
-    auto known = std::find(std::begin(kCommandNames), std::end(kCommandNames), name);
-    uint32_t n[4] = {static_cast<uint32_t>(known - kCommandNames + 0xB1), 0, 0, 0};
-    if (known == std::end(kCommandNames)) n[0] = std::strtoul(name.c_str(), nullptr, 16);
-    size_t count = 1, size = 0;
-    while (in >> word) {
+    Words w;
+    std::string word;
+    in >> w.verb;
+    for (size_t count = 0; in >> word;) {
         if (word[0] == '+') {
-            size = std::strtoul(word.c_str() + 1, nullptr, 10);
+            w.size = std::strtoul(word.c_str() + 1, nullptr, 10);
+        } else if (word[0] == '@') {
+            w.label = word.substr(1);
         } else if (count < 4) {
-            n[count++] = std::strtoul(word.c_str() + (word[0] == '#'), nullptr, 16);
+            if (w.how.empty()) w.how = word;
+            w.n[count++] =
+                static_cast<uint32_t>(std::strtoul(word.c_str() + (word[0] == '#'), nullptr, 16));
         }
     }
+    return w;
+}
+// A packet; the name may also be a code ("0xba").
+inline Bytes encode(const std::string& text) {
+    Words w = parse(text);
+    auto known = std::find(std::begin(kCommandNames), std::end(kCommandNames), w.verb);
+    uint32_t command = static_cast<uint32_t>(known - kCommandNames + 0xB1);
+    if (known == std::end(kCommandNames)) command = std::strtoul(w.verb.c_str(), nullptr, 16);
     rdr::MemOutStream out;
-    Bytes payload = pattern(size);
-    zelcdbsdk::writeSBPPacket(out, static_cast<uint8_t>(n[0]), n[2], static_cast<uint16_t>(n[1]),
-                              n[3], payload.data(), size);
+    Bytes payload = pattern(w.size);
+    zelcdbsdk::writeSBPPacket(out, static_cast<uint8_t>(command), w.n[1],
+                              static_cast<uint16_t>(w.n[0]), w.n[2], payload.data(), w.size);
     return Bytes(out.data(), out.data() + out.length());
 }
 
@@ -101,7 +118,7 @@ public:
 
     // Runs the steps; returns what they caused, items joined by " | ".
     std::string run(const std::string& steps) {
-        if (!unit_) create();
+        if (!unit_) create(steps.compare(0, 3, "new") != 0);
         trace_.clear();
         for (size_t at = 0, end; at < steps.size(); at = end + 2) {
             end = std::min(steps.find("; ", at), steps.size());
@@ -126,6 +143,7 @@ public:
     void leaveCallback() override { --depth_; }
     bool hasSession() override { return session_; }
     void sendServicePayload(uint16_t serviceId, const uint8_t* data, size_t length) override {
+        writer_.sendServicePayload(serviceId, 0, data, length);  // so that its limits apply
         zelcdbsdk::SBPPacket p;
         bool ok = zelcdbsdk::readSBPPacket(data, length, {"peer", nullptr}, &p) == ZELCDBErrorNone;
         note(ok && serviceId == kServiceId ? describe(p) : "unreadable");
@@ -142,35 +160,24 @@ public:
     }
 
 private:
-    void create() {
+    void create(bool start) {
         if (isSink_) {
             unit_ = sink =
                 new ZELSBPSink(this, kServiceId, this, &sinkCallbacks, sizeof sinkCallbacks);
-            sink->serviceResponse(1);
+            if (start) sink->serviceResponse(1);
         } else {
             unit_ = source = new ZELSBPSource(this, this, &sourceCallbacks, sizeof sourceCallbacks);
             source->setServiceId(kServiceId);
-            source->startService({1, 0});
+            if (start) source->startService({1, 0});
         }
     }
 
     void step(const std::string& text) {
-        std::istringstream in(text);
-        std::string verb, word, how;
-        in >> verb;
-        uint32_t n[4] = {0, 0, 0, 0};  // the numbers after the verb
-        size_t count = 0, size = 0;
-        void* context = nullptr;
-        while (in >> word) {
-            if (word[0] == '+') {
-                size = std::strtoul(word.c_str() + 1, nullptr, 10);
-            } else if (word[0] == '@') {
-                context = &labels_.emplace_back(word.substr(1));
-            } else if (count < 4) {
-                if (how.empty()) how = word;
-                n[count++] = static_cast<uint32_t>(std::strtol(word.c_str(), nullptr, 16));
-            }
-        }
+        Words w = parse(text);
+        const std::string& verb = w.verb;
+        const uint32_t* n = w.n;
+        const size_t size = w.size;
+        void* context = w.label.empty() ? nullptr : &labels_.emplace_back(w.label);
         const Bytes payload = pattern(size);
         const uint8_t* data = payload.data();
         if (verb[0] == '+') {
@@ -200,9 +207,9 @@ private:
             if (verb == "status") sink->serviceResponse(static_cast<uint16_t>(n[0]));
         } else {
             if (verb == "answer") {
-                answer_ = how == "later"  ? ZELCDBErrorNone
-                          : how == "fail" ? ZELCDBErrorFailed
-                                          : ZELCDBErrorLocalSBPError;
+                answer_ = w.how == "later"  ? ZELCDBErrorNone
+                          : w.how == "fail" ? ZELCDBErrorFailed
+                                            : ZELCDBErrorLocalSBPError;
                 result_ = n[1];
             }
             if (verb == "type") type_ = static_cast<int>(n[0]);
@@ -306,6 +313,8 @@ private:
     plat::ScopedClock useClock_{&clock};
     plat::ScopedCurrentLogger useLog_{this};
     plat::TimerManager timers_;
+    rdr::MemOutStream wire_;
+    zelcdbsdk::CDBWriter writer_{wire_, nullptr};
     zelcdbsdk::CDBService::Handler* unit_ = nullptr;
     std::vector<std::string> trace_;
     std::deque<std::string> labels_;

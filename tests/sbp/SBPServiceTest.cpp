@@ -67,6 +67,14 @@ const Row kSinkRows[] = {
      "end; +10000; end; status 102; Response #1 5",
      "Get #1 5 | status 2 | ServiceResponse 102 | status 1 | Get #2 5 | "
      "AliveRequest #3 0 | status 2 | status 102 | ServiceResponse 102"},
+    {"a new sink refuses payloads until its service starts",
+     "new; Response #1 5 1000000c; status 1; get 5; Response #1 5 1000000c",
+     "ServiceResponse 102 | status 1 | Get #1 5 | error b1 5 14 1000000c"},
+    {"a packet too long for the link fails only its own request", "set 5 +70000; get 5",
+     "! CDB message too long: 70019 payload bytes, at most 65535 | error b2 5 2 0 | Get #2 5"},
+    {"the longest Alive interval is kept, not clamped",
+     "alive 20c49b; AliveResponse #1 0; +2147482999; +1",
+     "AliveRequest #1 0 | alive | 2147483000: AliveRequest #2 0"},
     {"a malformed packet stops the peer's service", "raw B5 00; nosession; raw B5 00",
      "! Warning: bad SBP packet in sink | StopService | ! Warning: bad SBP packet in sink"},
 };
@@ -154,15 +162,32 @@ const Row kSourceRows[] = {
      "get b1 6 | Challenge #1 6 80000000 | "
      "5000: ! Sink failed to respond to authentication challenge | "
      "5000: Response #1 6 10000007 | get b1 6"},
+    {"a new source refuses payloads until its service starts", "new; Get #1 5; start; Get #2 5",
+     "ServiceResponse 102 | started | ServiceResponse 1 | get b1 5 | Response #2 5"},
+    {"an answer too long for the link fails only its own request",
+     "answer later; Get #1 5; reply b1 5 0 +70000; Get #2 6; challenge b1 6 +70000; +10000; "
+     "Get #3 5; Get #4 6",
+     "get b1 5 | ! CDB message too long: 70019 payload bytes, at most 65535 | "
+     "! Error building Get response: 2 | Response #1 5 10000002 | get b1 6 | "
+     "! CDB message too long: 70019 payload bytes, at most 65535 | "
+     "! Error building service auth challenge: 2 | Response #2 6 10000002 | get b1 5 | "
+     "get b1 6"},
+    {"a stop drops the requests and timers",
+     "Subscribe #1 6 3e8; answer later; Get #2 5; stop; +10000; start; Get #3 5; "
+     "Subscribe #4 6 3e8",
+     "subscribe 6 0 3e8 | Response #1 6 | get b1 5 | stopped | ServiceResponse 2 | started | "
+     "ServiceResponse 1 | get b1 5 | subscribe 6 0 3e8"},
     {"start and stop, each twice, and a stop the application refuses",
      "start; stop; stop; Get #1 5; start; refuse; stop; Get #2 5",
      "ServiceResponse 101 | stopped | ServiceResponse 2 | ServiceResponse 102 | "
      "ServiceResponse 102 | started | ServiceResponse 1 | stopped | ServiceResponse 202 | "
      "ServiceResponse 102"},
     {"a malformed packet terminates the service until the peer starts it again",
-     "answer later; Get #1 5; raw B5 00; Get #2 6; start; Get #3 7",
-     "get b1 5 | ! Warning: bad SBP packet in sink | terminated | ServiceResponse 203 | "
-     "ServiceResponse 102 | started | ServiceResponse 1 | get b1 7"},
+     "Subscribe #1 6 3e8; answer later; +1000; raw B5 00; +10000; Get #2 6; start; "
+     "Subscribe #3 6 3e8",
+     "subscribe 6 0 3e8 | Response #1 6 | 1000: get b3 6 | ! Warning: bad SBP packet in sink | "
+     "terminated | ServiceResponse 203 | ServiceResponse 102 | started | ServiceResponse 1 | "
+     "subscribe 6 0 3e8"},
     {"the link's end stops the service silently and drops its requests",
      "answer later; Get #1 5; Subscribe #2 6 3e8; end; +10000; end; Get #3 5",
      "get b1 5 | subscribe 6 0 3e8 | stopped | ServiceResponse 102"},
