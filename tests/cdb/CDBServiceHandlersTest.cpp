@@ -6,7 +6,7 @@
 
 namespace {
 
-using cdbtest::fmt;
+using cdbtest::format;
 using zelcdbsdk::CDBService;
 using Lines = std::vector<std::string>;
 
@@ -23,26 +23,27 @@ struct Host : zelcdbsdk::CDBEndpointHost {
 
 void record(ZELCDBEndpoint* e, void* context, const std::string& call) {
     Host* host = static_cast<Host*>(context);
-    host->calls.push_back(fmt("%s %p depth=%d", call.c_str(), static_cast<void*>(e), host->depth));
+    host->calls.push_back(
+        format("%s %p depth=%d", call.c_str(), static_cast<void*>(e), host->depth));
 }
 
 const ZELCDBSourceServiceCallbacks kSource = {
     [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc, uint8_t major, uint8_t minor) {
-        record(e, c, fmt("start 0x%04x %s %d.%d", id, static_cast<char*>(sc), major, minor));
+        record(e, c, format("start 0x%04x %s %d.%d", id, static_cast<char*>(sc), major, minor));
     },
     [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc) {
-        record(e, c, fmt("stop 0x%04x %s", id, static_cast<char*>(sc)));
+        record(e, c, format("stop 0x%04x %s", id, static_cast<char*>(sc)));
     },
     [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc, const uint8_t* data, uint32_t n) {
-        record(e, c, fmt("payload 0x%04x %s %.*s", id, static_cast<char*>(sc), int(n), data));
+        record(e, c, format("payload 0x%04x %s %.*s", id, static_cast<char*>(sc), int(n), data));
     }};
 
 const ZELCDBSinkCallbacks kSink = {
     [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc, const uint8_t* data, uint32_t n) {
-        record(e, c, fmt("payload 0x%04x %s %.*s", id, static_cast<char*>(sc), int(n), data));
+        record(e, c, format("payload 0x%04x %s %.*s", id, static_cast<char*>(sc), int(n), data));
     },
     [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc, uint16_t code) {
-        record(e, c, fmt("response 0x%04x %s 0x%04x", id, static_cast<char*>(sc), code));
+        record(e, c, format("response 0x%04x %s 0x%04x", id, static_cast<char*>(sc), code));
     }};
 
 void drive(CDBService::Handler& handler) {
@@ -76,7 +77,7 @@ TEST(CDBServiceHandlers, ForwardTheEntriesTheyWereGiven) {
         {true, 2 * entry, {payload, response}},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(fmt("%s %zu", row.sink ? "sink" : "source", row.size));
+        SCOPED_TRACE(format("%s %zu", row.sink ? "sink" : "source", row.size));
         Host host;
         uint32_t size = static_cast<uint32_t>(row.size);
         if (row.sink) {
