@@ -279,7 +279,7 @@ struct Services : Bench {
     }
 };
 
-TEST(CDBSession, PeerRequestsAreCheckedInOrder) {
+TEST(CDBSession, PeerRequestsAreCheckedInOrderAndOwnSendsAreChecked) {
     auto refused = [](int id, int code, std::string line) {
         return format("ServiceResponse 0x%04x 0x%04x | 10 Received ", id, code) +
                format(line.c_str(), id, id) + " - ignoring it";
@@ -312,11 +312,7 @@ TEST(CDBSession, PeerRequestsAreCheckedInOrder) {
         {payload(1, 90, "\xab\xcd"), "payload 0x0001 ABCD"},
         {B::sink(0x4001), "30 Sink added for peer service 16385 (0x4001)"},
         {payload(0x4001, 3, "\x01"), "payload 0x4001 01"},
-    });
-}
-
-TEST(CDBSession, OwnOperations) {
-    Services().play({
+        // Our own sends: access control from the service's record.
         {B::on([](CDBSession& s) { s.sendServicePayload(0x4001, "\x12", 1); }),
          "ServicePayload 0x4001 ac=3 12"},
         {B::on([](CDBSession& s) { s.sendServicePayload(1, "", 0); }),

@@ -217,10 +217,7 @@ private:
             auto rule = std::find_if(rules_.begin(), rules_.end(), [&](const auto& r) {
                 return all[i].compare(0, r.first.size(), r.first) == 0;
             });
-            if (rule == rules_.end()) {
-                ++i;
-                continue;
-            }
+            if (rule == rules_.end() && ++i) continue;
             rule->second(writer_, all[i]);
             ++answered;
             all.erase(all.begin() + static_cast<std::ptrdiff_t>(i));
@@ -270,7 +267,6 @@ struct TraceHandler : CDBService::Handler {
         calls.push_back(format("payload 0x%04x ", serviceId()) + zeltest::hex(data, n, ""));
     }
     void sessionEnded() override { calls.push_back(format("ended 0x%04x", serviceId())); }
-    ~TraceHandler() override { calls.push_back(format("freed 0x%04x", serviceId())); }
     Lines& calls;
     std::function<void()> onStart;
 };

@@ -4,6 +4,7 @@
 #include "FailingAllocator.h"
 
 #include <cstdlib>
+#include <new>
 
 namespace {
 void* allocateOrNull(std::size_t size) {

@@ -13,8 +13,7 @@ namespace zeltest {
 
 using Bytes = std::vector<uint8_t>;
 
-inline std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
-inline std::string format(const char* text, ...) {
+__attribute__((format(printf, 1, 2))) inline std::string format(const char* text, ...) {
     va_list args, again;
     va_start(args, text);
     va_copy(again, args);
