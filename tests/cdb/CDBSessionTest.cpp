@@ -423,12 +423,15 @@ TEST(CDBSession, LoopWaitsWithoutSpinningAndSurvivesStrayErrno) {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// A connection that cannot be accepted stays pending and keeps the listening socket
-// readable: the server pauses instead of trying again each turn, and accepts once it can.
-TEST(CDBSession, ServerOutOfDescriptorsPausesAndAcceptsLater) {
+// While the server listens, sends are dropped and the burst is logged once. A connection
+// that cannot be accepted stays pending and keeps the listening socket readable: the server
+// pauses instead of trying again each turn, and accepts once it can. The peer reads the
+// directory first, and nothing of a send made before it came.
+TEST(CDBSession, ServerWhileListening) {
     Bench b(Role::kServer);
     b.tcp = true;
     b.preamble = false;
+    b.addService("svc", {1, 0});
     rlimit limit;
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     auto exhaust = [&](B& b) {
@@ -439,33 +442,21 @@ TEST(CDBSession, ServerOutOfDescriptorsPausesAndAcceptsLater) {
         lowered.rlim_cur = static_cast<rlim_t>(lowestFree);
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
     };
-    b.play(
-        {{exhaust, format("30 Listening on %s | 10 accept() failed: error %d: %s", b.url(), EMFILE,
-                          std::strerror(EMFILE))},
-         {[&](B&) { ::setrlimit(RLIMIT_NOFILE, &limit); }, ""},
-         {B::advance(99), ""},
-         {B::advance(1), "connected | removed 1.1 [] | added 1.1 [] | 30 Connection established"}});
-}
-
-// Sends while the server still listens are dropped, and the burst is logged once: the peer
-// that connects next reads the directory first and nothing of a send made before it came.
-TEST(CDBSession, SendsWhileListeningAreDroppedAndLoggedOncePerBurst) {
-    Bench b(Role::kServer);
-    b.tcp = true;
-    b.preamble = false;
-    b.addService("svc", {1, 0});
     const uint8_t data[3] = {1, 2, 3};
     const Step send = B::on([&](CDBSession& s) {
         s.sendServicePayload(0x4001, data, sizeof data);
         s.sendServicePayload(0x4001, data, sizeof data);
         s.sendServiceResponse(0x4001, 1);
     });
-    b.play({{send, format("30 Listening on %s", b.url())},
-            {[](B& b) { b.connectPeer(); },
-             "connected | removed 1.1 [] | added 1.1 [] | 30 Connection established"},
-            {send,
-             "ServicePayload 0x4001 ac=0 010203 | ServicePayload 0x4001 ac=0 010203 | "
-             "ServiceResponse 0x4001 0x0001"}});
+    b.play(
+        {{send, format("30 Listening on %s", b.url())},
+         {exhaust, format("10 accept() failed: error %d: %s", EMFILE, std::strerror(EMFILE))},
+         {[&](B&) { ::setrlimit(RLIMIT_NOFILE, &limit); }, ""},
+         {B::advance(99), ""},
+         {B::advance(1), "connected | removed 1.1 [] | added 1.1 [] | 30 Connection established"},
+         {send,
+          "ServicePayload 0x4001 ac=0 010203 | ServicePayload 0x4001 ac=0 010203 | "
+          "ServiceResponse 0x4001 0x0001"}});
     Lines drops;
     for (const auto& line : b.log.lines)
         if (line.text.find("ropp") != std::string::npos) drops.push_back(line.text);
