@@ -1,7 +1,6 @@
 #pragma once
 
-// Text helpers every test program may use: printf into a std::string, and bytes to and from
-// hex.
+// Text helpers for every test program: printf into a std::string, bytes to and from hex.
 
 #include <cstdarg>
 #include <cstdint>
