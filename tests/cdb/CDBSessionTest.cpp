@@ -47,16 +47,16 @@ TEST(CDBSession, ExchangesTheServiceDirectory) {
         b.preamble = false;
         // An id from our own range is skipped; the decimal "0x%04d" is the line peers expect.
         EXPECT_EQ(
-            b.play({{kIdle, fmt("connected | removed 1.1 [] | added 1.1 [0x%04x peer 1.2 "
-                                "attr=3 ac=4] | 30 Connection established | 10 Peer "
-                                "endpoint advertised service with invalid ID %s - ignoring it",
-                                theirs, client ? "5 (0x0005)" : "16389 (0x16389)")},
+            b.play({{kIdle, format("connected | removed 1.1 [] | added 1.1 [0x%04x peer 1.2 "
+                                   "attr=3 ac=4] | 30 Connection established | 10 Peer "
+                                   "endpoint advertised service with invalid ID %s - ignoring it",
+                                   theirs, client ? "5 (0x0005)" : "16389 (0x16389)")},
                     {B::send([](W& w) {
                          w.sendServicesRequest({1, 1});
                      }),
-                     fmt("ServicesSupported 1.1: 0x%04x svc 2.3 attr=7 ac=90, 0x%04x  1.0 "
-                         "attr=0 ac=0",
-                         mine, mine + 1)}}),
+                     format("ServicesSupported 1.1: 0x%04x svc 2.3 attr=7 ac=90, 0x%04x  1.0 "
+                            "attr=0 ac=0",
+                            mine, mine + 1)}}),
             "Connection lost");
     }
 }
@@ -69,9 +69,9 @@ TEST(CDBSession, UnsupportedPeerVersionIsAnsweredThenByeBye) {
                 if (!request) w.sendServicesSupported(v, nullptr, 0);
             });
             EXPECT_EQ(Bench(Role::kClient)
-                          .play({{send, fmt("ServiceResponse 0x0000 0x0209 | ByeBye | 0 Peer "
-                                            "endpoint has unsupported protocol version %d.%d",
-                                            v.majorNumber, v.minorNumber)},
+                          .play({{send, format("ServiceResponse 0x0000 0x0209 | ByeBye | 0 Peer "
+                                               "endpoint has unsupported protocol version %d.%d",
+                                               v.majorNumber, v.minorNumber)},
                                  {kByeBye, "closed"}}),
                       "Disconnected");
         }
@@ -158,8 +158,8 @@ TEST(CDBSession, EndedBeforeTheConnection) {
             std::vector<Row> rows;
             if (peerConnects) rows.push_back({[](B& b) { b.connectPeer(); }, "-"});
             rows.push_back(
-                {kTerminate, fmt("%s30 %s %s | ", peerConnects ? "closed | " : "",
-                                 b.client() ? "Connecting to" : "Listening on", b.url()) +
+                {kTerminate, format("%s30 %s %s | ", peerConnects ? "closed | " : "",
+                                    b.client() ? "Connecting to" : "Listening on", b.url()) +
                                  byeByeExpired(role)});
             EXPECT_EQ(b.play(rows), "Disconnected");
         }
@@ -196,7 +196,7 @@ TEST(CDBSession, RebuildKeepsUnchangedServicesWithTheirSinks) {
     const std::string invalid =
         " | 10 Peer endpoint advertised service with invalid ID 5 (0x0005) - ignoring it";
     auto noSink = [](int id) {
-        return fmt(
+        return format(
             " | 10 Received ServicePayload for service %d (0x%04x) but no sink was added "
             "for this service - ignoring it",
             id, id);
@@ -252,15 +252,15 @@ TEST(CDBSession, ServiceResponseReactions) {
     };
     for (uint16_t code : {0x0300, 0x0000})
         rows.push_back({kPeer, code,
-                        fmt("ByeBye | response 0x4001 0x%04x | 0 Received undefined response "
-                            "value %d in ServiceResponse from service 16385 (0x4001) - "
-                            "terminating CDB",
-                            code, code)});
+                        format("ByeBye | response 0x4001 0x%04x | 0 Received undefined response "
+                               "value %d in ServiceResponse from service 16385 (0x4001) - "
+                               "terminating CDB",
+                               code, code)});
     for (uint16_t code :
          {0x0001, 0x0002, 0x0101, 0x0102, 0x0201, 0x0203, 0x0204, 0x0205, 0x0207, 0x020a})
-        rows.push_back({kPeer, code, fmt("response 0x4001 0x%04x", code)});
+        rows.push_back({kPeer, code, format("response 0x4001 0x%04x", code)});
     for (const Row& row : rows) {
-        SCOPED_TRACE(fmt("service 0x%04x, code 0x%04x", row.id, row.code));
+        SCOPED_TRACE(format("service 0x%04x, code 0x%04x", row.id, row.code));
         auto pending = B::on([&](CDBSession& s) {
             EXPECT_EQ(s.pendingRequestIds().size(), row.id == kPeer ? 0u : 1u);
         });
@@ -279,10 +279,10 @@ struct Services : Bench {
     }
 };
 
-TEST(CDBSession, PeerRequestsAreCheckedInOrder) {
+TEST(CDBSession, PeerRequestsAreCheckedInOrderAndOwnSendsAreChecked) {
     auto refused = [](int id, int code, std::string line) {
-        return fmt("ServiceResponse 0x%04x 0x%04x | 10 Received ", id, code) +
-               fmt(line.c_str(), id, id) + " - ignoring it";
+        return format("ServiceResponse 0x%04x 0x%04x | 10 Received ", id, code) +
+               format(line.c_str(), id, id) + " - ignoring it";
     };
     const std::string newer = "StartService for service %d (0x%04x) with version ";
     const std::string unknown = " for unknown service %d (0x%04x)";
@@ -309,14 +309,10 @@ TEST(CDBSession, PeerRequestsAreCheckedInOrder) {
         {payload(0x4001, 3), refused(0x4001, 0x102,
                                      "ServicePayload for service %d (0x%04x) but no sink was "
                                      "added for this service")},
-        {payload(1, 90, "\xab\xcd"), "payload 0x0001 abcd"},
+        {payload(1, 90, "\xab\xcd"), "payload 0x0001 ABCD"},
         {B::sink(0x4001), "30 Sink added for peer service 16385 (0x4001)"},
         {payload(0x4001, 3, "\x01"), "payload 0x4001 01"},
-    });
-}
-
-TEST(CDBSession, OwnOperations) {
-    Services().play({
+        // Our own sends: access control from the service's record.
         {B::on([](CDBSession& s) { s.sendServicePayload(0x4001, "\x12", 1); }),
          "ServicePayload 0x4001 ac=3 12"},
         {B::on([](CDBSession& s) { s.sendServicePayload(1, "", 0); }),
@@ -339,7 +335,7 @@ TEST(CDBSession, OwnOperations) {
 TEST(CDBSession, PeerStartServiceIsHeldUntilAnsweredOrExpired) {
     std::string expiry;
     for (int t = 13000; t < 129000; t += 4000)
-        expiry += fmt("@%d ServiceResponse 0x0001 0x0010 | ", t);
+        expiry += format("@%d ServiceResponse 0x0001 0x0010 | ", t);
     auto answer = [](uint16_t code) {
         return B::on([code](CDBSession& s) { s.sendServiceResponse(1, code); });
     };
@@ -373,9 +369,9 @@ TEST(CDBSession, OurStartServiceTimesOutUnlessThePeerKeepsItPending) {
             });
         b.play({{startPeerService(0x4001), "*"},
                 {B::advance(expiry - 1), ""},
-                {B::advance(1), fmt("@%d StopService 0x4001 | response 0x4001 0x0201 | 30 "
-                                    "Stopping peer service 16385 (0x4001)",
-                                    expiry)},
+                {B::advance(1), format("@%d StopService 0x4001 | response 0x4001 0x0201 | 30 "
+                                       "Stopping peer service 16385 (0x4001)",
+                                       expiry)},
                 {B::advance(5000), "response 0x4001 0x0202"}});
     }
 }
@@ -427,12 +423,15 @@ TEST(CDBSession, LoopWaitsWithoutSpinningAndSurvivesStrayErrno) {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// A connection that cannot be accepted stays pending and keeps the listening socket
-// readable: the server pauses instead of trying again each turn, and accepts once it can.
-TEST(CDBSession, ServerOutOfDescriptorsPausesAndAcceptsLater) {
+// While the server listens, sends are dropped and the burst is logged once. A connection
+// that cannot be accepted stays pending and keeps the listening socket readable: the server
+// pauses instead of trying again each turn, and accepts once it can. The peer reads the
+// directory first, and nothing of a send made before it came.
+TEST(CDBSession, ServerWhileListening) {
     Bench b(Role::kServer);
     b.tcp = true;
     b.preamble = false;
+    b.addService("svc", {1, 0});
     rlimit limit;
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     auto exhaust = [&](B& b) {
@@ -443,33 +442,21 @@ TEST(CDBSession, ServerOutOfDescriptorsPausesAndAcceptsLater) {
         lowered.rlim_cur = static_cast<rlim_t>(lowestFree);
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
     };
-    b.play(
-        {{exhaust, fmt("30 Listening on %s | 10 accept() failed: error %d: %s", b.url(), EMFILE,
-                       std::strerror(EMFILE))},
-         {[&](B&) { ::setrlimit(RLIMIT_NOFILE, &limit); }, ""},
-         {B::advance(99), ""},
-         {B::advance(1), "connected | removed 1.1 [] | added 1.1 [] | 30 Connection established"}});
-}
-
-// Sends while the server still listens are dropped, and the burst is logged once: the peer
-// that connects next reads the directory first and nothing of a send made before it came.
-TEST(CDBSession, SendsWhileListeningAreDroppedAndLoggedOncePerBurst) {
-    Bench b(Role::kServer);
-    b.tcp = true;
-    b.preamble = false;
-    b.addService("svc", {1, 0});
     const uint8_t data[3] = {1, 2, 3};
     const Step send = B::on([&](CDBSession& s) {
         s.sendServicePayload(0x4001, data, sizeof data);
         s.sendServicePayload(0x4001, data, sizeof data);
         s.sendServiceResponse(0x4001, 1);
     });
-    b.play({{send, fmt("30 Listening on %s", b.url())},
-            {[](B& b) { b.connectPeer(); },
-             "connected | removed 1.1 [] | added 1.1 [] | 30 Connection established"},
-            {send,
-             "ServicePayload 0x4001 ac=0 010203 | ServicePayload 0x4001 ac=0 010203 | "
-             "ServiceResponse 0x4001 0x0001"}});
+    b.play(
+        {{send, format("30 Listening on %s", b.url())},
+         {exhaust, format("10 accept() failed: error %d: %s", EMFILE, std::strerror(EMFILE))},
+         {[&](B&) { ::setrlimit(RLIMIT_NOFILE, &limit); }, ""},
+         {B::advance(99), ""},
+         {B::advance(1), "connected | removed 1.1 [] | added 1.1 [] | 30 Connection established"},
+         {send,
+          "ServicePayload 0x4001 ac=0 010203 | ServicePayload 0x4001 ac=0 010203 | "
+          "ServiceResponse 0x4001 0x0001"}});
     Lines drops;
     for (const auto& line : b.log.lines)
         if (line.text.find("ropp") != std::string::npos) drops.push_back(line.text);

@@ -12,8 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -21,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "TestText.h"
 #include "cdb/CDBReader.h"
 #include "cdb/CDBSession.h"
 #include "cdb/CDBWriter.h"
@@ -33,7 +32,8 @@
 
 namespace cdbtest {
 
-using Bytes = std::vector<uint8_t>;
+using zeltest::Bytes;
+using zeltest::format;
 using Lines = std::vector<std::string>;
 using zelcdbsdk::CDBService;
 using zelcdbsdk::CDBSession;
@@ -41,22 +41,6 @@ using zelcdbsdk::CDBVersion;
 using zelcdbsdk::CDBWriter;
 
 constexpr int kPatienceMs = 10000;  // the longest a test waits for a socket before failing
-
-inline std::string fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
-inline std::string fmt(const char* format, ...) {
-    char text[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
-}
-
-inline std::string hex(const uint8_t* data, size_t n) {
-    std::string text;
-    for (size_t i = 0; i < n; ++i) text += fmt("%02x", data[i]);
-    return text;
-}
 
 inline Bytes operator+(Bytes a, const Bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -93,56 +77,56 @@ private:
 };
 
 inline std::string describe(const CDBService& s) {
-    return fmt("0x%04x %s %d.%d attr=%d ac=%d", s.id, s.name(), s.version.majorNumber,
-               s.version.minorNumber, s.serviceAttribute, s.accessControl);
+    return format("0x%04x %s %d.%d attr=%d ac=%d", s.id, s.name(), s.version.majorNumber,
+                  s.version.minorNumber, s.serviceAttribute, s.accessControl);
 }
 
 // Renders each message it is handed as one line.
 struct TextHandler : zelcdbsdk::CDBProtocolHandler {
     Lines messages;
     void handleServicesRequest(CDBVersion v) override {
-        messages.push_back(fmt("ServicesRequest %d.%d", v.majorNumber, v.minorNumber));
+        messages.push_back(format("ServicesRequest %d.%d", v.majorNumber, v.minorNumber));
     }
     void handleServicesSupported(CDBVersion v, const std::vector<CDBService>& list,
                                  uint16_t) override {
-        std::string text = fmt("ServicesSupported %d.%d", v.majorNumber, v.minorNumber);
+        std::string text = format("ServicesSupported %d.%d", v.majorNumber, v.minorNumber);
         for (const CDBService& s : list) text += (&s == &list[0] ? ": " : ", ") + describe(s);
         messages.push_back(text);
     }
     void handleStartService(uint16_t id, CDBVersion v) override {
-        messages.push_back(fmt("StartService 0x%04x %d.%d", id, v.majorNumber, v.minorNumber));
+        messages.push_back(format("StartService 0x%04x %d.%d", id, v.majorNumber, v.minorNumber));
     }
     void handleStopService(uint16_t id) override {
-        messages.push_back(fmt("StopService 0x%04x", id));
+        messages.push_back(format("StopService 0x%04x", id));
     }
     void handleServicePayload(uint16_t id, uint8_t ac, size_t n, const uint8_t* data) override {
-        messages.push_back(fmt("ServicePayload 0x%04x ac=%d ", id, ac) + hex(data, n));
+        messages.push_back(format("ServicePayload 0x%04x ac=%d ", id, ac) +
+                           zeltest::hex(data, n, ""));
     }
     void handleServiceResponse(uint16_t id, uint16_t code) override {
-        messages.push_back(fmt("ServiceResponse 0x%04x 0x%04x", id, code));
+        messages.push_back(format("ServiceResponse 0x%04x 0x%04x", id, code));
     }
-    void handlePing(uint16_t n) override { messages.push_back(fmt("Ping %d", n)); }
-    void handlePingResponse(uint16_t n) override { messages.push_back(fmt("PingResponse %d", n)); }
+    void handlePing(uint16_t n) override { messages.push_back(format("Ping %d", n)); }
+    void handlePingResponse(uint16_t n) override {
+        messages.push_back(format("PingResponse %d", n));
+    }
     void handleByeBye() override { messages.push_back("ByeBye"); }
 };
 
-inline sockaddr_in loopback(int port = 0) {
+// A loopback socket connected to *port, or else bound to a free port, which *port receives
+// (with SO_REUSEADDR, so that a server may bind the port again while this one holds it).
+inline int loopbackSocket(int* port, bool connect) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0), on = 1;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
-}
-
-// A loopback socket bound to a free port (with SO_REUSEADDR, so that a server may bind the
-// port again while this one holds it); *port receives the port.
-inline int boundSocket(int* port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0), on = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address = loopback();
+    address.sin_port = htons(static_cast<uint16_t>(connect ? *port : 0));
     socklen_t length = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), length);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    auto* a = reinterpret_cast<sockaddr*>(&address);
+    if (connect) return ::connect(fd, a, length) == 0 ? fd : (::close(fd), -1);
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    ::bind(fd, a, length);
+    ::getsockname(fd, a, &length);
     *port = ntohs(address.sin_port);
     return fd;
 }
@@ -168,8 +152,7 @@ public:
     // Listens for a client session; returns the URL to give it.
     std::string listen() {
         int port;
-        listener_ = boundSocket(&port);
-        ::listen(listener_, 1);
+        ::listen(listener_ = loopbackSocket(&port, false), 1);
         return "cdb://127.0.0.1:" + std::to_string(port);
     }
     bool accept() {
@@ -178,15 +161,14 @@ public:
         return fd_ >= 0;
     }
     bool connect(int port) {
-        sockaddr_in address = loopback(port);
-        adopt(::socket(AF_INET, SOCK_STREAM, 0));
-        return ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        adopt(loopbackSocket(&port, true));
+        return fd_ >= 0;
     }
 
     void on(const std::string& prefix, Reply reply) { rules_[prefix] = std::move(reply); }
     void off(const std::string& prefix) { rules_.erase(prefix); }
 
-    // What is written here goes out with the next flush(), sendRaw(), take() or next(),
+    // What is written here goes out with the next flush(), sendRaw() or take(),
     // without blocking: what the socket cannot take yet waits for the flush after.
     CDBWriter& w() { return writer_; }
     void flush() {
@@ -205,32 +187,20 @@ public:
 
     // Every message that has arrived, without waiting; "closed" once the session closed.
     Lines take() {
-        while (receive(0)) {
+        while (receive()) {
         }
-        Lines got(text_.messages.begin() + static_cast<std::ptrdiff_t>(next_),
-                  text_.messages.end());
-        text_.messages.clear();
-        next_ = 0;
+        Lines got;
+        got.swap(text_.messages);
         return got;
-    }
-    // The next message, waiting for it; "nothing" when none came within the patience.
-    std::string next() {
-        Lines& all = text_.messages;
-        while (next_ == all.size()) {
-            all.clear();
-            next_ = 0;
-            if (!receive(kPatienceMs)) return "nothing";
-        }
-        return all[next_++];
     }
     int answered = 0;  // messages the rules answered
 
 private:
     // Reads what is there, answering by the rules; false when nothing came.
-    bool receive(int timeoutMs) {
+    bool receive() {
         flush();
         pollfd entry = {fd_, POLLIN, 0};
-        if (fd_ < 0 || ::poll(&entry, 1, timeoutMs) != 1) return false;
+        if (fd_ < 0 || ::poll(&entry, 1, 0) != 1) return false;
         uint8_t buffer[65536];
         ssize_t got = ::recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
         Lines& all = text_.messages;
@@ -247,10 +217,7 @@ private:
             auto rule = std::find_if(rules_.begin(), rules_.end(), [&](const auto& r) {
                 return all[i].compare(0, r.first.size(), r.first) == 0;
             });
-            if (rule == rules_.end()) {
-                ++i;
-                continue;
-            }
+            if (rule == rules_.end() && ++i) continue;
             rule->second(writer_, all[i]);
             ++answered;
             all.erase(all.begin() + static_cast<std::ptrdiff_t>(i));
@@ -260,7 +227,6 @@ private:
     }
 
     int fd_ = -1, listener_ = -1;
-    size_t next_ = 0;  // messages before it were handed out by next()
     std::map<std::string, Reply> rules_;
     rdr::MemOutStream out_;
     Bytes unsent_;
@@ -290,18 +256,17 @@ struct Row {
 struct TraceHandler : CDBService::Handler {
     TraceHandler(Lines& calls, uint16_t id) : Handler(nullptr, id), calls(calls) {}
     void startService(CDBVersion v) override {
-        calls.push_back(fmt("start 0x%04x %d.%d", serviceId(), v.majorNumber, v.minorNumber));
+        calls.push_back(format("start 0x%04x %d.%d", serviceId(), v.majorNumber, v.minorNumber));
         if (onStart) onStart();
     }
-    void stopService() override { calls.push_back(fmt("stop 0x%04x", serviceId())); }
+    void stopService() override { calls.push_back(format("stop 0x%04x", serviceId())); }
     void serviceResponse(uint16_t code) override {
-        calls.push_back(fmt("response 0x%04x 0x%04x", serviceId(), code));
+        calls.push_back(format("response 0x%04x 0x%04x", serviceId(), code));
     }
     void servicePayload(const uint8_t* data, size_t n) override {
-        calls.push_back(fmt("payload 0x%04x ", serviceId()) + hex(data, n));
+        calls.push_back(format("payload 0x%04x ", serviceId()) + zeltest::hex(data, n, ""));
     }
-    void sessionEnded() override { calls.push_back(fmt("ended 0x%04x", serviceId())); }
-    ~TraceHandler() override { calls.push_back(fmt("freed 0x%04x", serviceId())); }
+    void sessionEnded() override { calls.push_back(format("ended 0x%04x", serviceId())); }
     Lines& calls;
     std::function<void()> onStart;
 };
@@ -440,7 +405,7 @@ private:
     void peerServicesChanged(CDBVersion v, const std::vector<const CDBService*>& list,
                              bool added) override {
         std::string event =
-            fmt("%s %d.%d [", added ? "added" : "removed", v.majorNumber, v.minorNumber);
+            format("%s %d.%d [", added ? "added" : "removed", v.majorNumber, v.minorNumber);
         for (const CDBService* s : list) event += (event.back() == '[' ? "" : ", ") + describe(*s);
         calls.push_back(event + "]");
     }
@@ -493,7 +458,7 @@ private:
         int answered = peer.answered;
         Lines got = peer.take();
         for (std::string& m : got)
-            sent_.push_back(stamped_ ? fmt("@%lld ", static_cast<long long>(elapsedMs)) + m : m);
+            sent_.push_back(stamped_ ? format("@%lld ", static_cast<long long>(elapsedMs)) + m : m);
         return !got.empty() || peer.answered != answered || peer.unsent();
     }
     void finishRow() {
@@ -505,7 +470,7 @@ private:
         ++row_;
     }
     std::string reservedUrl() {
-        reserved_ = boundSocket(&port_);
+        reserved_ = loopbackSocket(&port_, false);
         return "cdb://127.0.0.1:" + std::to_string(port_);
     }
 

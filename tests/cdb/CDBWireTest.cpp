@@ -91,7 +91,7 @@ const std::vector<Sample>& samples() {
              w.sendServicesRequest({1, 1});
          }},
         {"b102 011a 0101 0003 4001 0203 81 5a 02 6162 7fff fffe 07 00 ff" +
-             hex(reinterpret_cast<const uint8_t*>(kLongName.data()), 255) + "4100 0304 01 22 00",
+             zeltest::hex(kLongName.data(), 255, "") + "4100 0304 01 22 00",
          "ServicesSupported (endpoint version 1.1, 3 services)",
          [](CDBWriter& w) {
              w.sendServicesSupported({1, 1}, kServices.data(), 3);
@@ -110,7 +110,7 @@ const std::vector<Sample>& samples() {
          [](CDBWriter& w) { w.sendServicePayload(0x4002, 0x7e, "\xde\xad\0\xbe\xef", 5); }},
         {"b105 0003 0001 02", "ServicePayload, service 1 (0x0001), length 0",
          [](CDBWriter& w) { w.sendServicePayload(1, 2, nullptr, 0); }},
-        {"b105 1fa7 4006 00" + hex(kLargest.data(), kLargest.size()),
+        {"b105 1fa7 4006 00" + zeltest::hex(kLargest, ""),
          "ServicePayload, service 16390 (0x4006), length 8100",
          [](CDBWriter& w) { w.sendServicePayload(0x4006, 0, kLargest.data(), kLargest.size()); }},
         {"b106 0002 fffe", "PingResponse, sequence number 65534",
@@ -135,29 +135,19 @@ Bytes allSamples(std::vector<size_t>* ends = nullptr) {
 std::string logged(const zeltest::RecordingLogger& logger) {
     std::string text;
     for (const auto& l : logger.lines)
-        text += fmt("%s/%d %s\n", l.facility.c_str(), l.level, l.text.c_str());
+        text += format("%s/%d %s\n", l.facility.c_str(), l.level, l.text.c_str());
     return text;
 }
 
-TEST(CDBWire, EachMessageIsWrittenAndReadBackWithItsDebugLine) {
+TEST(CDBWire, EachMessageIsWrittenWithItsDebugLine) {
     for (const Sample& sample : samples()) {
-        SCOPED_TRACE(sample.line);
-        std::string expected = sample.hex;
-        expected.erase(std::remove(expected.begin(), expected.end(), ' '), expected.end());
         zeltest::RecordingLogger logger;
         rdr::MemOutStream out(4);  // small, so that every field may cross a regrowth
         CDBWriter writer(out, &logger);
         sample.write(writer);
-        const Bytes bytes(out.data(), out.data() + out.length());
-        EXPECT_EQ(hex(bytes.data(), bytes.size()), expected);
+        EXPECT_EQ(zeltest::hex(out.data(), out.length()),
+                  zeltest::hex(zeltest::parseHex(sample.hex)));
         EXPECT_EQ(logged(logger), "CDBWriter/100 Sending " + sample.line + "\n");
-
-        Reader r;
-        r.in.feed(bytes);
-        EXPECT_EQ(r.drain(), 1);
-        EXPECT_EQ(r.handler.bytes(), bytes);
-        for (const uint8_t* payload : r.handler.payloads) EXPECT_TRUE(r.in.inBuffer(payload));
-        EXPECT_EQ(logged(r.logger), "CDBReader/100 Received " + sample.line + "\n");
     }
 }
 
@@ -191,31 +181,34 @@ TEST(CDBWire, MessagesBeyondTheSixteenBitLengthAreRefusedWithNothingWritten) {
         writer.sendPing(7);
         if (!c.second) {
             EXPECT_THROW(c.first(writer), CDBWriter::MessageTooLong);
-            EXPECT_EQ(hex(out.data(), out.length()), "b10800020007");
+            EXPECT_EQ(zeltest::hex(out.data(), out.length(), ""), "B10800020007");
             EXPECT_EQ(logger.lines.size(), 1u);  // the Ping's line only
             continue;
         }
         c.first(writer);
         ASSERT_EQ(out.length(), 6u + 4 + 65535);
-        EXPECT_EQ(hex(out.data() + 8, 2), "ffff");
+        EXPECT_EQ(zeltest::hex(out.data() + 8, 2, ""), "FFFF");
     }
     EXPECT_STREQ(CDBWriter::MessageTooLong(65766).str(),
                  "CDB message too long: 65766 payload bytes, at most 65535");
 }
 
-// All messages back to back, one byte at a time and in random chunks, through buffers smaller
-// than the largest payload so that collection and compaction happen at any offset: after
-// every chunk, exactly the messages whose last byte has arrived have been handled, once.
+// All messages back to back, whole, one byte at a time and in random chunks, through buffers
+// smaller than the largest payload so that collection and compaction happen at any offset:
+// after every chunk, exactly the messages whose last byte has arrived have been handed back,
+// once and unchanged. Fed whole, every payload is read in place and each message logs its
+// line.
 TEST(CDBWire, ReaderResumesAtAnyByte) {
     std::vector<size_t> ends;
     Bytes all = allSamples(&ends);
     std::mt19937 random(20240611);
-    for (size_t bufferSize : {size_t(300), size_t(1000), size_t(0)}) {
+    for (size_t bufferSize : {size_t(0), size_t(300), size_t(1000)}) {
         for (int round = 0; round < 40; ++round) {
             Reader r(bufferSize);
-            size_t maxChunk = round == 0 ? 1 : round % 2 ? 17 : 3000;
+            size_t maxChunk = round == 0 ? all.size() : round == 1 ? 1 : round % 2 ? 17 : 3000;
             for (size_t at = 0; at < all.size();) {
-                size_t chunk = std::min(all.size() - at, size_t(1) + random() % maxChunk);
+                size_t chunk = round == 0 ? maxChunk : 1 + random() % maxChunk;
+                chunk = std::min(all.size() - at, chunk);
                 r.in.feed(all.data() + at, chunk);
                 at += chunk;
                 r.drain();
@@ -225,6 +218,12 @@ TEST(CDBWire, ReaderResumesAtAnyByte) {
                     << "buffer " << bufferSize << " round " << round << " at " << at;
             }
             ASSERT_EQ(r.handler.bytes(), all) << "buffer " << bufferSize << " round " << round;
+            if (bufferSize != 0 || round != 0) continue;
+            for (const uint8_t* payload : r.handler.payloads) EXPECT_TRUE(r.in.inBuffer(payload));
+            std::string lines;
+            for (const Sample& sample : samples())
+                lines += "CDBReader/100 Received " + sample.line + "\n";
+            EXPECT_EQ(logged(r.logger), lines);
         }
     }
 }
@@ -266,8 +265,9 @@ TEST(CDBWire, SurplusBytesAreSkippedAndOversizedPayloadsDropped) {
 // byte of the next message.
 TEST(CDBWire, FieldsBeyondTheDeclaredLengthAndUnknownTypesAreErrors) {
     auto truncated = [](int type, int declared) {
-        return fmt("Received message of type 0x%04x with truncated payload (payload length was %d)",
-                   type, declared);
+        return format(
+            "Received message of type 0x%04x with truncated payload (payload length was %d)", type,
+            declared);
     };
     const std::pair<Bytes, std::string> cases[] = {
         {header(0xb103, 3) + Bytes{0x40, 0x01, 1, 0xb1}, truncated(0xb103, 3)},
@@ -282,7 +282,6 @@ TEST(CDBWire, FieldsBeyondTheDeclaredLengthAndUnknownTypesAreErrors) {
         {header(0xb108, 0) + Bytes{0, 1}, truncated(0xb108, 0)},
         {header(0xb100, 0), "Unknown message type 45312 (0xb100)"},
         {header(0xb10a, 0), "Unknown message type 45322 (0xb10a)"},
-        {header(0x0000, 0), "Unknown message type 0 (0x0000)"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.second);

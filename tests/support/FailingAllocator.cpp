@@ -1,9 +1,9 @@
-// The global operator new and delete of every test program, so that any test can inject an
-// allocation failure with zeltest::FailNthAllocation. A program gets them because it uses
-// operator new, which this library, linked before the C++ runtime, defines.
+// Every test program's global operator new and delete, so that any test can inject an
+// allocation failure (zeltest::FailNthAllocation); linked before the C++ runtime's.
 #include "FailingAllocator.h"
 
 #include <cstdlib>
+#include <new>
 
 namespace {
 void* allocateOrNull(std::size_t size) {

@@ -1,7 +1,6 @@
 #pragma once
 
-// Text helpers every test program may use: printf into a std::string, and bytes to and from
-// hex.
+// Text helpers for every test program: printf into a std::string, bytes to and from hex.
 
 #include <cstdarg>
 #include <cstdint>
@@ -13,8 +12,7 @@ namespace zeltest {
 
 using Bytes = std::vector<uint8_t>;
 
-inline std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
-inline std::string format(const char* text, ...) {
+__attribute__((format(printf, 1, 2))) inline std::string format(const char* text, ...) {
     va_list args, again;
     va_start(args, text);
     va_copy(again, args);

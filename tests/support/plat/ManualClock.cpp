@@ -7,8 +7,7 @@ namespace plat {
 ManualClock::Listener::~Listener() = default;
 
 void ManualClock::setTicks(int64_t ticks) {
-    // Changing and notifying under one lock keeps concurrent moves and their notifications
-    // in the same order.
+    // One lock over the change and its notices keeps concurrent moves in order.
     std::lock_guard<std::mutex> lock(listenersMutex_);
     ticks_.store(ticks, std::memory_order_release);
     for (Listener* listener : listeners_) listener->timeChanged(*this);

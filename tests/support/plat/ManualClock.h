@@ -13,14 +13,11 @@ namespace plat {
 // ahead, without sleeping.
 //
 // Running a whole thread on virtual time: install the clock (ScopedClock) before the thread
-// starts. A thread that waits in select() or on a condition, bounded by
-// TimerManager::timeUntilNext(), passes that bound through Clock::realWaitMs(), which for
-// this clock means "wait until woken", and registers a Listener whose timeChanged() wakes it
-// (an endpoint thread posts a no-op control message, whose byte makes its wake-up
-// descriptor readable). After every set() or advance() the thread therefore runs
-// processTimers() against the new time. Because the wake-up goes through the thread's own
-// descriptor, a move that happens between the thread's processTimers() and its select() is
-// not lost.
+// starts. Its waits pass their bound through Clock::realWaitMs(), which here means "wait
+// until woken", and a Listener whose timeChanged() wakes the thread through its own wake-up
+// descriptor (an endpoint posts a no-op control message), so that every set() or advance()
+// is followed by processTimers() at the new time, and a move between the thread's
+// processTimers() and its wait is not lost.
 class ManualClock : public Clock {
 public:
     // Told after every change of the time, on the thread that changed it.
@@ -42,9 +39,9 @@ public:
     void advanceTicks(int64_t ticks) { setTicks(nowTicks() + ticks); }
     void advanceMs(int64_t ms) { advanceTicks(ms * kTicksPerMillisecond); }
 
-    // Listeners are called with the clock's listener lock held: a listener must not move
-    // the clock, add or remove listeners, and must not be removed by a thread that holds a
-    // lock the listener takes. Removing a listener waits for a notification in progress.
+    // Listeners are called under the clock's listener lock, which removing one waits for: a
+    // listener must not move the clock or change the listeners, nor be removed under a lock
+    // it takes.
     void addListener(Listener* listener);
     void removeListener(Listener* listener);
 

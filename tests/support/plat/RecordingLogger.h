@@ -15,8 +15,7 @@ namespace zeltest {
 struct RecordingLogger : plat::Logger {
     struct Line {
         int level;
-        std::string facility;
-        std::string text;
+        std::string facility, text;
     };
     std::vector<Line> lines;
 
@@ -29,15 +28,13 @@ struct RecordingLogger : plat::Logger {
 
 // A logger whose every call fails, as an application callback that throws would.
 struct ThrowingLogger : plat::Logger {
-    explicit ThrowingLogger(std::function<void()> raise) : raise_(std::move(raise)) {}
+    explicit ThrowingLogger(std::function<void()> raise) : raise(std::move(raise)) {}
     int calls = 0;
+    std::function<void()> raise;
     void log(int, const char*, const char*, va_list) override {
         ++calls;
-        raise_();
+        raise();
     }
-
-private:
-    std::function<void()> raise_;
 };
 
 // Writes "[facility/level] text" lines to stderr, where a death test can match them.
