@@ -25,27 +25,24 @@ namespace {
 using messaging::ControlMessageQueueUNIX;
 using Seen = std::vector<std::string>;
 
-// Counts events on any thread and lets a test wait (at most ten seconds) for a count.
-class Counter {
-public:
+// Counts events on any thread; waitFor(n) waits (at most ten seconds) for the nth.
+struct Counter {
     void bump() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++count_;
-        changed_.notify_all();
+        std::lock_guard<std::mutex> lock(mutex);
+        ++n;
+        changed.notify_all();
     }
     bool waitFor(int count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return count_ >= count; });
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return n >= count; });
     }
     int count() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return count_;
+        std::lock_guard<std::mutex> lock(mutex);
+        return n;
     }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    int count_ = 0;
+    std::mutex mutex;
+    std::condition_variable changed;
+    int n = 0;
 };
 
 // Performs a function; counts its own destruction so that tests see discarded messages freed.
@@ -76,8 +73,7 @@ struct Queue : messaging::ControlMessageQueue::Servicer, ControlMessageQueueUNIX
     void run() override {
         started.bump();
         if (body) return body();
-        stop = false;
-        while (!stop) {
+        for (stop = false; !stop;) {
             pollfd entry = {getWakeupDescriptor(), POLLIN, 0};
             if (::poll(&entry, 1, -1) == 1) serviceMessages();
         }
@@ -148,25 +144,10 @@ struct Queue : messaging::ControlMessageQueue::Servicer, ControlMessageQueueUNIX
     Counter started, inStartUp, gate, threadsCreated, entryGate, notified;
 };
 
-// Runs post() with its nth allocation failing; returns whether that allocation was reached,
-// having checked that the post threw std::bad_alloc exactly when it was.
-template <typename Fn>
-bool failingAllocation(unsigned n, Fn&& post) {
-    bool threw = false, triggered;
-    {
-        zeltest::FailNthAllocation failure(n);
-        try {
-            post();
-        } catch (const std::bad_alloc&) {
-            threw = true;
-        }
-        triggered = failure.triggered();
-    }
-    EXPECT_EQ(threw, triggered) << "allocation " << n;
-    return triggered;
-}
-
-TEST(ControlMessageQueue, MessagesFromSeveralThreadsArePerformedInQueueOrderExactlyOnce) {
+// Messages from several threads are performed on the servicing thread, in queue order,
+// exactly once. A synchronous post gives back the result or the exception; made from the
+// servicing thread it performs at once instead of waiting for itself.
+TEST(ControlMessageQueue, PostsArePerformedInOrderOnceOnTheServicingThread) {
     Queue queue;
     ASSERT_NO_FATAL_FAILURE(queue.startAndWait());
     constexpr int kProducers = 4, kEach = 500;
@@ -185,18 +166,6 @@ TEST(ControlMessageQueue, MessagesFromSeveralThreadsArePerformedInQueueOrderExac
         });
     }
     for (std::thread& t : producers) t.join();
-    queue.stopAndJoin();  // the stop is queued behind everything the producers posted
-    ASSERT_EQ(performed.size(), static_cast<size_t>(kProducers * kEach));
-    EXPECT_EQ(offThread, 0);
-    std::vector<int> next(kProducers, 0);
-    for (const auto& [p, i] : performed) ASSERT_EQ(i, next[p]++) << "producer " << p;
-}
-
-// The result or the exception comes back; posting synchronously from the servicing thread
-// performs at once instead of waiting for itself.
-TEST(ControlMessageQueue, SynchronousPostingReturnsTheResultOrTheException) {
-    Queue queue;
-    ASSERT_NO_FATAL_FAILURE(queue.startAndWait());
     FnMessage answer([&] { return queue.isServicerThread() ? 42 : -1; });
     EXPECT_EQ(queue.postSynchronously(answer), 42);
     FnMessage failing([]() -> int { throw plat::Exception("refused"); });
@@ -207,21 +176,22 @@ TEST(ControlMessageQueue, SynchronousPostingReturnsTheResultOrTheException) {
     });
     EXPECT_EQ(queue.postSynchronously(nested), 6);
     queue.stopAndJoin();
+    ASSERT_EQ(performed.size(), static_cast<size_t>(kProducers * kEach));
+    EXPECT_EQ(offThread, 0);
+    std::vector<int> next(kProducers, 0);
+    for (const auto& [p, i] : performed) ASSERT_EQ(i, next[p]++) << "producer " << p;
 }
 
 // Messages left when run() returns are performed on the servicing thread, in order, after
-// the wake-up pipe has gone. Nobody calls join() in the second round: the destructor waits
-// for run(), discards (and frees) what was queued before it came, and what is posted once
-// the queue has stopped is performed at once on the posting thread.
-TEST(ControlMessageQueue, MessagesLeftWhenRunReturnsOrTheQueueIsDestroyed) {
+// the wake-up pipe has gone.
+TEST(ControlMessageQueue, MessagesLeftWhenRunReturnsArePerformedAfterThePipeHasGone) {
     Queue queue;
     std::vector<int> seen;  // servicing thread only until join()
     queue.body = [&] {
         for (int i = 0; i < 3; ++i) {
             queue.postAsynchronously(new FnMessage([&, i] {
-                seen.push_back(queue.isServicerThread() && queue.getWakeupDescriptor() == -1 ? i
-                                                                                             : -1);
-                return 0;
+                bool late = queue.isServicerThread() && queue.getWakeupDescriptor() == -1;
+                return seen.push_back(late ? i : -1), 0;
             }));
         }
     };
@@ -229,11 +199,17 @@ TEST(ControlMessageQueue, MessagesLeftWhenRunReturnsOrTheQueueIsDestroyed) {
     ASSERT_TRUE(queue.start());
     queue.join();  // waits for run() and the finish that follows it
     EXPECT_EQ(seen, (std::vector<int>{0, 1, 2}));
+}
 
+// Nobody calls join(): the destructor waits for run() and discards (and frees) what was
+// queued before it came, what is posted once the queue has stopped is performed at once on
+// the posting thread, and a synchronous poster whose entry is discarded is woken with 0. That
+// poster still needs the queue mutex to return, so the queue must not go before it has.
+TEST(ControlMessageQueue, DestroyingTheQueueDiscardsWhatIsQueuedAndLetsAWaitingPosterLeave) {
     auto owned = std::make_unique<Queue>();
     Queue* q = owned.get();  // reset() clears owned before it destroys
-    Counter freed;
-    seen.clear();
+    Counter freed, wakeGate, rewoken;
+    std::vector<int> seen;
     q->body = [&] {
         auto post = [&](int i) {
             q->postAsynchronously(new FnMessage([&, i] { return seen.push_back(i), 0; }, &freed));
@@ -244,10 +220,27 @@ TEST(ControlMessageQueue, MessagesLeftWhenRunReturnsOrTheQueueIsDestroyed) {
         post(1);
         post(2);
     };
-    q->gate.bump();
-    ASSERT_TRUE(q->start());
+    q->wakeGate = &wakeGate;
+    q->rewoken = &rewoken;
+    ASSERT_NO_FATAL_FAILURE(q->startAndWait());
     ASSERT_TRUE(q->started.waitFor(2));
+    std::atomic<bool> performed{false};
+    int result = -1;
+    std::thread poster([&] {
+        FnMessage message([&] { return performed = true, 7; });
+        result = q->postSynchronously(message);
+    });
+    ASSERT_TRUE(q->notified.waitFor(2));
+    std::thread opener([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        wakeGate.bump();
+    });
     owned.reset();
+    EXPECT_EQ(rewoken.count(), 1);  // the poster had the mutex back before the queue went
+    poster.join();
+    opener.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_FALSE(performed);
     EXPECT_EQ(freed.count(), 3);
     EXPECT_EQ(seen, (std::vector<int>{1, 2}));
 }
@@ -304,35 +297,22 @@ TEST(ControlMessageQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks)
     EXPECT_EQ(queue.inStartUp.count(), 3);
 }
 
-// The destructor discards the waiting poster's entry, which wakes the poster with 0; the
-// poster still needs the queue mutex to return, so the queue must not go before it has.
-TEST(ControlMessageQueue, DestroyingTheQueueLetsAWaitingSynchronousPosterLeaveFirst) {
-    auto queue = std::make_unique<Queue>();
-    Queue* q = queue.get();
-    q->body = [q] {
-        while (q->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    };
-    Counter wakeGate, rewoken;
-    q->wakeGate = &wakeGate;
-    q->rewoken = &rewoken;
-    ASSERT_NO_FATAL_FAILURE(q->startAndWait());
-    std::atomic<bool> performed{false};
-    int result = -1;
-    std::thread poster([&] {
-        FnMessage message([&] { return performed = true, 7; });
-        result = q->postSynchronously(message);
-    });
-    ASSERT_TRUE(q->notified.waitFor(1));
-    std::thread opener([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        wakeGate.bump();
-    });
-    queue.reset();
-    EXPECT_EQ(rewoken.count(), 1);  // the poster had the mutex back before the queue went
-    poster.join();
-    opener.join();
-    EXPECT_EQ(result, 0);
-    EXPECT_FALSE(performed);
+// Runs post() with its nth allocation failing; returns whether that allocation was reached,
+// having checked that the post threw std::bad_alloc exactly when it was.
+template <typename Fn>
+bool failingAllocation(unsigned n, Fn&& post) {
+    bool threw = false, triggered;
+    {
+        zeltest::FailNthAllocation failure(n);
+        try {
+            post();
+        } catch (const std::bad_alloc&) {
+            threw = true;
+        }
+        triggered = failure.triggered();
+    }
+    EXPECT_EQ(threw, triggered) << "allocation " << n;
+    return triggered;
 }
 
 // Every allocation of every post fails once in turn, while the loop is held so that the
@@ -379,16 +359,13 @@ TEST(ControlMessageQueue, AllocationFailureInAPostFreesTheMessageAndQueuesNothin
     EXPECT_GE(queueGrowthFailures, 1);
 }
 
-// How the servicing thread takes its queue: the messages it queues for itself, and those
-// posted while a loop that announces its waits is busy, carry no wake-up byte, so the loop
-// must hear of them another way; and the bytes of a whole batch are read at once, so a
-// batch that an action's exception cuts short must give back the bytes of the messages
-// left behind, or a loop that waits on the descriptor never comes back for them.
+// How the servicing thread takes its queue, as a trace of what was performed and of the
+// wake-up bytes then in the pipe. Each round runs `body` as the servicing thread once
+// `post` has run on this one, then joins.
 struct Batch : ::testing::Test {
     Queue queue;
     Seen seen;  // servicing thread only until join()
 
-    // Notes what happened with the wake-up bytes then in the pipe.
     void note(const std::string& what) {
         int bytes = -1;
         ioctl(queue.getWakeupDescriptor(), FIONREAD, &bytes);
@@ -397,57 +374,57 @@ struct Batch : ::testing::Test {
     FnMessage* noting(const std::string& what) {
         return new FnMessage([this, what] { return seen.push_back(what), 0; });
     }
-    // Runs body as the servicing thread once post() has run on this one, then joins.
-    void run(const std::function<void()>& body, const std::function<void()>& post) {
+    Seen run(const std::function<void()>& body, const std::function<void()>& post) {
         Counter posted;
+        seen.clear();
         queue.body = [&] { posted.waitFor(1), body(); };
-        ASSERT_NO_FATAL_FAILURE(queue.startAndWait());
+        queue.startAndWait();
         post();
         posted.bump();
         queue.join();
+        return seen;
     }
 };
 
-TEST_F(Batch, OwnPostsAreFlaggedInsteadOfSignalledAndKeepTheirPlace) {
-    run(
-        [&] {
-            queue.postFromServicer(noting("own"));
-            note(queue.hasUnsignalledMessages() ? "flagged" : "not flagged");
-            queue.serviceMessages();
-            note(queue.hasUnsignalledMessages() ? "flagged" : "not flagged");
-        },
-        [&] { queue.postAsynchronously(noting("posted")); });
-    EXPECT_EQ(seen, (Seen{"flagged: 1", "posted", "own", "not flagged: 0"}));
-}
+TEST_F(Batch, WakeUpBytes) {
+    // The messages the servicing thread queues for itself carry no wake-up byte: they are
+    // flagged instead, and keep their place.
+    EXPECT_EQ(run(
+                  [&] {
+                      queue.postFromServicer(noting("own"));
+                      note(queue.hasUnsignalledMessages() ? "flagged" : "not flagged");
+                      queue.serviceMessages();
+                      note(queue.hasUnsignalledMessages() ? "flagged" : "not flagged");
+                  },
+                  [&] { queue.postAsynchronously(noting("posted")); }),
+              (Seen{"flagged: 1", "posted", "own", "not flagged: 0"}));
 
-// The action's exception reaches the loop that called serviceMessages(), its entry freed
-// with it; the entries behind it wait, bytes and all, for the next call.
-TEST_F(Batch, MessagesLeftBehindByAThrowingActionGetTheirBytesBack) {
+    // The bytes of a whole batch are read at once. The action's exception reaches the loop
+    // that called serviceMessages(), its entry freed with it; the entries behind it wait,
+    // and get their bytes back, or a loop that waits on the descriptor never comes back.
     Counter freed;
-    run(
-        [&] {
-            note("before");
-            try {
-                queue.serviceMessages();
-            } catch (const plat::Exception& e) {
-                note(std::string(e.str()) + ", freed " + std::to_string(freed.count()));
-            }
-            queue.serviceMessages();
-            note("after");
-        },
-        [&] {
-            queue.postAsynchronously(
-                new FnMessage([]() -> int { throw plat::Exception("failed"); }, &freed));
-            queue.postAsynchronously(noting("a"));
-            queue.postAsynchronously(noting("b"));
-        });
-    EXPECT_EQ(seen, (Seen{"before: 3", "failed, freed 1: 2", "a", "b", "after: 0"}));
-}
+    EXPECT_EQ(run(
+                  [&] {
+                      note("before");
+                      try {
+                          queue.serviceMessages();
+                      } catch (const plat::Exception& e) {
+                          note(e.str() + (", freed " + std::to_string(freed.count())));
+                      }
+                      queue.serviceMessages();
+                      note("after");
+                  },
+                  [&] {
+                      queue.postAsynchronously(
+                          new FnMessage([]() -> int { throw plat::Exception("failed"); }, &freed));
+                      queue.postAsynchronously(noting("a"));
+                      queue.postAsynchronously(noting("b"));
+                  }),
+              (Seen{"before: 3", "failed, freed 1: 2", "a", "b", "after: 0"}));
 
-// A loop that announces its waits hears of every post: those made while it is busy by
-// finding the queue not empty when it is about to block, those made while it blocks by
-// their byte. A post during the wait that wrote nothing would leave the loop asleep.
-TEST_F(Batch, PostsToALoopThatAnnouncesItsWaitsSignalOnlyWhileItWaits) {
+    // A loop that announces its waits hears of every post: those made while it is busy by
+    // finding the queue not empty when it is about to block, those made while it blocks by
+    // their byte. A post during the wait that wrote nothing would leave the loop asleep.
     queue.announceWaits();
     Counter waiting, postedWaiting;
     auto wait = [&] { note(queue.beginWait() ? "may block" : "must not block"); };
@@ -456,28 +433,24 @@ TEST_F(Batch, PostsToALoopThatAnnouncesItsWaitsSignalOnlyWhileItWaits) {
         queue.postAsynchronously(noting("waiting"));
         postedWaiting.bump();
     });
-    run(
-        [&] {
-            wait();
-            queue.endWait();
-            queue.serviceMessages();
-            wait();
-            waiting.bump();
-            postedWaiting.waitFor(1);
-            note("woken");
-            queue.endWait();
-            queue.serviceMessages();
-            note("done");
-        },
-        [&] { queue.postAsynchronously(noting("busy")); });
+    EXPECT_EQ(
+        run(
+            [&] {
+                wait();
+                queue.endWait();
+                queue.serviceMessages();
+                wait();
+                waiting.bump();
+                postedWaiting.waitFor(1);
+                note("woken");
+                queue.endWait();
+                queue.serviceMessages();
+                note("done");
+            },
+            [&] { queue.postAsynchronously(noting("busy")); }),
+        (Seen{"must not block: 0", "busy", "may block: 0", "woken: 1", "waiting", "done: 0"}));
     whileWaiting.join();
-    EXPECT_EQ(seen, (Seen{"must not block: 0", "busy", "may block: 0", "woken: 1", "waiting",
-                          "done: 0"}));
 }
-
-}  // namespace
-
-namespace {
 
 // A scope that let go of its lock must not let go of it again: a second unlock would
 // release the lock another thread has taken since.

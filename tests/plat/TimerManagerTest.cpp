@@ -1,15 +1,18 @@
+// Timers on a ManualClock: order, rounding, re-arming, clock jumps, and the notifications of
+// the next time-out, as one trace per script.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
+#include "plat/DString.h"
+#include "plat/Logger.h"
 #include "plat/ManualClock.h"
-#include "plat/RecordingLogger.h"
 #include "plat/ThrownText.h"
 #include "plat/TimerManager.h"
 
@@ -17,233 +20,146 @@ namespace {
 
 using plat::Timer;
 using plat::TimerManager;
-using Names = std::vector<std::string>;
 
-// The restart lines as logged() shows them: facility/level/text.
-constexpr const char* kBackwards = "TimerManager/30/Time has moved backwards - restarting timers";
-constexpr const char* kForwards = "TimerManager/30/Time has jumped forwards - restarting timers";
-
-// This thread's manager on a ManualClock; the fixture records the notifications and the log.
-struct TimerManagerTest : ::testing::Test, TimerManager::Callbacks {
-    // A timer that records its name when it fires, then answers `again`, or what `then`
-    // returns when set.
+// This thread's manager on a ManualClock. Firings, notifications ("~ms") and log lines (in
+// angle brackets) all go to one trace.
+struct TimerManagerTest : ::testing::Test, TimerManager::Callbacks, plat::Logger {
+    // A timer that traces its name when it fires, then asks to run again when `again` is set
+    // (at most 100 times, so that a broken re-arm shows instead of hanging), or answers what
+    // `then` returns.
     struct Named : Timer::Callback {
-        Named(TimerManagerTest* t, const char* n, int again = 0) : test(t), name(n), again(again) {}
+        Named(TimerManagerTest* t, std::string n) : test(t), name(std::move(n)) {}
         int timerFired(Timer& self) override {
-            test->fired.push_back(name);
-            return then ? then(self) : again;
+            test->trace(name);
+            return then ? then(self) : again && ++firings < 100;
         }
         TimerManagerTest* test;
         std::string name;
-        int again;
+        bool again = false;
+        int firings = 0;
         std::function<int(Timer&)> then;
         Timer timer{this};
     };
 
-    void nextTimeoutChanged(TimerManager&, int ms) override { notified.push_back(ms); }
-    // Moves the clock, then lets the manager fire what is due.
-    int advance(int64_t ms) {
-        clock.advanceMs(ms);
-        return manager.processTimers();
+    void nextTimeoutChanged(TimerManager&, int ms) override { trace("~" + std::to_string(ms)); }
+    void log(int level, const char* facility, const char* format, va_list args) override {
+        plat::DString text;
+        text.formatV(format, args);
+        std::string line = std::string(facility) + "/" + std::to_string(level) + "/" + text.c_str();
+        trace(line == kBackwards ? "<back>" : line == kForwards ? "<forwards>" : "<" + line + ">");
     }
-    Names logged() {
-        Names lines;
-        for (const auto& l : log.lines) {
-            lines.push_back(l.facility + "/" + std::to_string(l.level) + "/" + l.text);
-        }
-        return lines;
+    void trace(const std::string& s) { out += (out.empty() ? "" : " ") + s; }
+    Named& timer(char name) {
+        auto& t = timers[name];
+        if (!t) t = std::make_unique<Named>(this, std::string(1, name));
+        return *t;
     }
 
+    // Steps: "a=ms" starts timer a, "a-" stops it, "a*" makes it ask to run again, "a!" makes
+    // it throw, "a?" traces whether it runs; "+ms" and "~ticks" move the clock; "p" traces
+    // what processTimers() returns, "n" what timeUntilNext() does.
+    std::string run(const std::string& script) {
+        out.clear();
+        std::istringstream steps(script);
+        for (std::string s; steps >> s;) {
+            try {
+                step(s);
+            } catch (const plat::Exception& e) {
+                trace("[" + std::string(e.str()) + "]");
+            }
+        }
+        return out;
+    }
+    void step(const std::string& s) {
+        if (s[0] == '+') return clock.advanceMs(std::stoll(s.substr(1)));
+        if (s[0] == '~') return clock.advanceTicks(std::stoll(s.substr(1)));
+        if (s == "p") return trace("p" + std::to_string(manager.processTimers()));
+        if (s == "n") return trace("n" + std::to_string(manager.timeUntilNext()));
+        Named& t = timer(s[0]);
+        if (s[1] == '=') return t.timer.start(std::stoi(s.substr(2)));
+        if (s[1] == '-') return t.timer.stop();
+        if (s[1] == '*') t.again = true;
+        if (s[1] == '!') t.then = [](Timer&) -> int { throw plat::Exception("callback failed"); };
+        if (s[1] == '?') trace(t.name + (t.timer.isRunning() ? ":on" : ":off"));
+    }
+
+    static constexpr const char* kBackwards =
+        "TimerManager/30/Time has moved backwards - restarting timers";
+    static constexpr const char* kForwards =
+        "TimerManager/30/Time has jumped forwards - restarting timers";
     plat::ManualClock clock;
     plat::ScopedClock useClock{&clock};
-    zeltest::RecordingLogger log;
-    plat::ScopedCurrentLogger useLog{&log};
+    plat::ScopedCurrentLogger useLog{this};
     TimerManager manager{this};
-    Names fired;
-    std::vector<int> notified;
+    std::string out;
+    std::map<char, std::unique_ptr<Named>> timers;
 };
 
-TEST_F(TimerManagerTest, TimeUntilNextRoundsUpClampsAndReportsNoneAsMinusOne) {
-    EXPECT_EQ(manager.timeUntilNext(), -1);
-    EXPECT_EQ(manager.processTimers(), -1);
-    Named t(this, "t");
-    t.timer.start(1);
-    clock.advanceTicks(9000);  // 0.1 ms left
-    EXPECT_EQ(manager.timeUntilNext(), 1);
-    EXPECT_EQ(manager.processTimers(), 1);
-    EXPECT_TRUE(fired.empty());
-    clock.advanceTicks(1000);
-    EXPECT_EQ(manager.timeUntilNext(), 0);
-    clock.advanceMs(50);
-    EXPECT_EQ(manager.timeUntilNext(), 0);  // overdue
-    EXPECT_EQ(manager.processTimers(), 0);
-    EXPECT_EQ(fired.size(), 1u);
-    EXPECT_FALSE(t.timer.isRunning());
-    EXPECT_EQ(manager.timeUntilNext(), -1);
-
-    t.timer.start(INT32_MAX);
-    EXPECT_EQ(manager.timeUntilNext(), INT32_MAX);
-    // Going back a day would make the wait exceed 32 bits; it is clamped, and since the
-    // clamped wait can never exceed the interval, no restart is logged.
-    EXPECT_EQ(advance(-24LL * 3600 * 1000), INT32_MAX);
-    EXPECT_TRUE(log.lines.empty());
-}
-
-TEST_F(TimerManagerTest, EqualDueTimesFireInStartOrder) {
-    Named a(this, "a"), b(this, "b"), c(this, "c"), d(this, "d");
-    a.timer.start(1000);
-    b.timer.start(500);
-    c.timer.start(1000);
-    d.timer.start(1000);
-    EXPECT_EQ(advance(1000), 0);
-    EXPECT_EQ(fired, (Names{"b", "a", "c", "d"}));
-    // Restarting a timer puts it behind the others with the same due time.
-    a.timer.start(100);
-    b.timer.start(100);
-    a.timer.start(100);
-    advance(100);
-    EXPECT_EQ(fired, (Names{"b", "a", "c", "d", "b", "a"}));
-}
-
-// Both jumps restart every timer with its full interval from the moment they are noticed:
-// when processing, or when another timer starts.
-TEST_F(TimerManagerTest, ClockSetBackOrOverdueByMoreThanFourMinutesRestartsAllTimers) {
+TEST_F(TimerManagerTest, Scripts) {
     const struct {
-        int64_t moveMs;
-        bool throughStart;
-        const char* line;
+        const char* rule;
+        const char* script;
+        const char* trace;
     } cases[] = {
-        {-3600 * 1000, false, kBackwards}, {-3600 * 1000, true, kBackwards},
-        {1000 + 239000, false, nullptr},   {1000 + 240000, false, nullptr},
-        {1000 + 241000, false, kForwards},
+        // Going back a day would make the wait exceed 32 bits; it is clamped, and since the
+        // clamped wait can never exceed the interval, no restart is logged.
+        {"waits round up, are clamped, and -1 means none",
+         "n p a=1 ~9000 n p ~1000 n +50 n p a? n a=2147483647 n +-86400000 p",
+         "n-1 p-1 ~1 n1 p1 n0 n0 a ~-1 p0 a:off n-1 ~2147483647 n2147483647 p2147483647"},
+        {"equal due times fire in start order; a restart goes behind its equals",
+         "a=1000 b=500 c=1000 d=1000 +1000 p a=100 b=100 a=100 +100 p",
+         "~1000 ~500 b a c d ~-1 p0 ~100 ~100 b a ~-1 p0"},
+        // Both jumps restart every timer with its full interval from the moment they are
+        // noticed: when processing, or when another timer starts.
+        {"the clock set back, noticed when processing",
+         "a=1000 b=3000 +-3600000 p +999 p +1 p +2000 p",
+         "~1000 <back> p1000 p1 a ~2000 p0 b ~-1 p0"},
+        {"the clock set back, noticed when a timer starts",
+         "a=1000 b=3000 +-3600000 c=60000 +999 p +1 p +2000 p",
+         "~1000 <back> p1 a ~2000 p0 b ~57000 p0"},
+        {"four minutes overdue is no jump", "a=1000 b=3000 +241000 p", "~1000 a b ~-1 p0"},
+        {"more than four minutes overdue", "a=1000 b=3000 +242000 p +999 p +1 p +2000 p",
+         "~1000 <forwards> p1000 p1 a ~2000 p0 b ~-1 p0"},
+        {"a repeating timer keeps its beat, but skips the periods missed in a stall",
+         "a* a=1000 +1300 p n +4200 p n +999 p +1 p a?",
+         "~1000 a ~700 p0 n700 a ~1000 p0 n1000 p1 a ~1000 p0 a:on"},
+        // It would be due again at once and processTimers() would never return.
+        {"an interval of 0 or less is not re-armed", "a* a=0 b* b=-1 c* c=-5000 p a? b? c? +1000 p",
+         "~0 ~0 ~0 c b a ~-1 p0 a:off b:off c:off p-1"},
+        {"a callback's exception leaves its timer stopped and the rest queued",
+         "a! a=10 b=10 +10 p a? b? p", "~10 a [callback failed] a:off b:on b ~-1 p0"},
+        // c's stop makes a first again, 999.75 ms away: rounded up.
+        {"the next time-out is told when the first timer changes, and only then",
+         "a=1000 b=2000 c=500 ~2500 c- b- b- +400 p +600 p a=300 a-",
+         "~1000 ~500 ~1000 p600 a ~-1 p0 ~300 ~-1"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.moveMs);
-        log.lines.clear();
-        fired.clear();
-        Named first(this, "first"), second(this, "second"), other(this, "other");
-        first.timer.start(1000);
-        second.timer.start(3000);
-        clock.advanceMs(c.moveMs);
-        if (c.throughStart) {
-            other.timer.start(60000);
-        } else {
-            EXPECT_EQ(manager.processTimers(), c.line ? 1000 : 0);
-        }
-        if (!c.line) {
-            EXPECT_TRUE(log.lines.empty());
-            EXPECT_EQ(fired, (Names{"first", "second"}));
-            continue;
-        }
-        EXPECT_EQ(logged(), Names{c.line});
-        advance(999);
-        EXPECT_TRUE(fired.empty());
-        advance(1);
-        EXPECT_EQ(fired, (Names{"first"}));
-        advance(2000);
-        EXPECT_EQ(fired, (Names{"first", "second"}));
-        EXPECT_EQ(log.lines.size(), 1u);
-    }
-}
-
-TEST_F(TimerManagerTest, RepeatingTimerSkipsMissedPeriodsAfterAStall) {
-    Named tick(this, "tick", 1);
-    tick.timer.start(1000);
-    advance(1300);  // late within one period: the next firing keeps the beat
-    EXPECT_EQ(manager.timeUntilNext(), 700);
-    advance(700 + 3500);          // the thread was blocked for 3.5 periods
-    EXPECT_EQ(fired.size(), 2u);  // once, not four times
-    EXPECT_EQ(manager.timeUntilNext(), 1000);
-    advance(999);
-    EXPECT_EQ(fired.size(), 2u);
-    advance(1);
-    EXPECT_EQ(fired.size(), 3u);
-    EXPECT_TRUE(tick.timer.isRunning());
-}
-
-// A timer that asks to run again is not re-armed when its interval cannot move it forward:
-// it would be due again at once and processTimers() would never return.
-TEST_F(TimerManagerTest, IntervalOfZeroOrLessFiresOnceEvenWhenAskedAgain) {
-    for (int interval : {0, -1, -5000}) {
-        SCOPED_TRACE(interval);
-        fired.clear();
-        Named again(this, "again");
-        again.then = [&](Timer&) { return fired.size() < 100 ? 1 : 0; };  // bounded: no hang
-        again.timer.start(interval);
-        manager.processTimers();
-        EXPECT_EQ(fired.size(), 1u);
-        EXPECT_FALSE(again.timer.isRunning());
-        EXPECT_EQ(advance(1000), -1);
-        EXPECT_EQ(fired.size(), 1u);
+        timers.clear();
+        EXPECT_EQ(run(c.script), c.trace) << c.rule;
     }
 }
 
 TEST_F(TimerManagerTest, CallbacksMayStopRestartAndDestroyTimersWhileFiring) {
-    Named victim(this, "victim"), moved(this, "moved"), self(this, "self");
-    auto doomed = std::make_unique<Named>(this, "doomed");
-    int selfFirings = 0;
-    self.then = [&](Timer& timer) {
-        if (++selfFirings == 1) {
-            victim.timer.stop();     // due in this same round: must not fire
-            moved.timer.start(500);  // due in this round too: pushed out
-            doomed.reset();          // destroyed while linked
-            timer.start(50);         // its own restart wins over the re-arm request
+    int firings = 0;
+    timer('s').then = [&](Timer& self) {
+        if (++firings == 1) {
+            timer('v').timer.stop();      // due in this same round: must not fire
+            timer('m').timer.start(500);  // due in this round too: pushed out
+            timers.erase('d');            // destroyed while linked
+            self.start(50);               // its own restart wins over the re-arm request
             return 1;
         }
-        if (selfFirings == 2) {
-            timer.stop();  // stopped itself, yet asks to run again: it is re-armed
-            return 1;
-        }
-        return 0;
+        if (firings == 2) self.stop();  // stopped itself, yet asks to run again: re-armed
+        return firings == 2 ? 1 : 0;
     };
-    self.timer.start(100);
-    victim.timer.start(100);
-    moved.timer.start(100);
-    doomed->timer.start(100);
-    EXPECT_EQ(advance(100), 0);
-    EXPECT_EQ(fired, (Names{"self"}));
-    EXPECT_FALSE(victim.timer.isRunning());
-    EXPECT_EQ(manager.timeUntilNext(), 50);
-    advance(50);
-    EXPECT_EQ(fired, (Names{"self", "self"}));
-    EXPECT_EQ(self.timer.due() - clock.nowTicks(), 50 * plat::kTicksPerMillisecond);  // interval 50
-    advance(450);
-    EXPECT_EQ(fired, (Names{"self", "self", "self", "moved"}));
-    EXPECT_FALSE(self.timer.isRunning());
-}
-
-TEST_F(TimerManagerTest, AnExceptionFromACallbackLeavesThatTimerStoppedAndTheRestQueued) {
-    Named bad(this, "bad", 1), later(this, "later");
-    bad.then = [](Timer&) -> int { throw plat::Exception("callback failed"); };
-    bad.timer.start(10);
-    later.timer.start(10);
-    EXPECT_THROW(advance(10), plat::Exception);
-    EXPECT_FALSE(bad.timer.isRunning());
-    EXPECT_TRUE(later.timer.isRunning());
-    manager.processTimers();
-    EXPECT_EQ(fired, (Names{"bad", "later"}));
-}
-
-TEST_F(TimerManagerTest, NextTimeoutIsNotifiedWhenTheFirstTimerChanges) {
-    Named a(this, "a"), b(this, "b"), c(this, "c");
-    a.timer.start(1000);  // first: notified
-    b.timer.start(2000);  // behind a: silent
-    c.timer.start(500);   // new first: notified
-    clock.advanceTicks(2500);
-    c.timer.stop();  // first stopped: the next one is 999.75 ms away, rounded up
-    b.timer.stop();  // not first: silent
-    b.timer.stop();  // not running: silent
-    EXPECT_EQ(notified, (std::vector<int>{1000, 500, 1000}));
-    notified.clear();
-    EXPECT_EQ(advance(400), 600);  // nothing due: no notification
-    EXPECT_EQ(advance(600), 0);
-    a.timer.start(300);
-    a.timer.stop();
-    EXPECT_EQ(notified, (std::vector<int>{-1, 300, -1}));
+    EXPECT_EQ(run("s=100 v=100 m=100 d=100 +100 p v? n +50 p"),
+              "~100 s ~0 ~0 ~500 ~50 ~50 p0 v:off n50 s ~50 p0");
+    EXPECT_EQ(timer('s').timer.due() - clock.nowTicks(), 50 * plat::kTicksPerMillisecond);
+    EXPECT_EQ(run("+450 p s?"), "s m ~-1 p0 s:off");
 }
 
 TEST_F(TimerManagerTest, DestroyingTheManagerUnlinksItsTimersAndAThreadNeedsOne) {
-    Named survivor(this, "survivor");
+    Named& survivor = timer('s');
     std::string withoutManager;
     std::thread([&] {
         // The fixture's manager is this thread's; the other thread has none, then its own.

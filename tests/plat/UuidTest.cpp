@@ -26,6 +26,7 @@ TEST(Uuid, RefusesWithTheWholeTextCutAt255) {
         "0123-4567",                           // too short
         "0123456789abcdef0123456789abcde",     // 31 digits: odd at the end
         "0123456789abcdef0123456789abcdef0",   // a 33rd digit
+        "0123456789abcdef0123456789abcdeg",    // 32 characters, one not a digit
         "{0123456789abcdef0123456789abcdef}",  // braces are not skipped
         "0123456789abcdef 0123456789abcdef",   // nor spaces
         junk.c_str(),

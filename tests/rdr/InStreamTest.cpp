@@ -1,208 +1,170 @@
+// Input streams: the checkpoint and rewind that let a reader parse a message again once the
+// rest of it has arrived, refills that keep what a rewind needs, and a source's failures.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <deque>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
-#include "plat/ThrownText.h"
+#include "TestText.h"
+#include "rdr/BufferedInStream.h"
 #include "rdr/Exceptions.h"
-#include "rdr/InStream.h"
 #include "rdr/MemInStream.h"
-#include "rdr/ScriptedInStream.h"
 
 namespace {
 
-using rdrtest::ScriptedInStream;
-using zeltest::thrownText;
+using zeltest::format;
 
-std::string take(rdr::InStream& in, size_t n) {
-    std::vector<uint8_t> scratch(n);
-    return std::string(reinterpret_cast<const char*>(in.getBytes(scratch.data(), n)), n);
-}
+// A BufferedInStream over a script of chunks: each readData call hands out (part of) the next
+// chunk, an empty chunk is one "nothing available now" answer, and so is an exhausted script
+// unless `dry` says what the source throws then ("block", or the text of a failure).
+struct ScriptedInStream : rdr::BufferedInStream {
+    using rdr::BufferedInStream::BufferedInStream;
+    std::deque<std::string> chunks;
+    std::string dry;
+    int calls = 0;
+    size_t offered = 0;  // maxBytes of the last call
+    size_t offset() const { return offset_; }
 
-// A message cut anywhere, even after several reads, rewinds to its first byte and is read
-// again whole once the rest arrives. Integers are big-endian, also across chunks.
-TEST(InStream, PartialReadRewindsToTheCheckpointAndBlocks) {
-    ScriptedInStream in;
-    in.add(std::vector<uint8_t>{9, 9, 1, 2, 3});
-    in.readU16();
-    EXPECT_EQ(in.setCheckpoint(), 2u);
-    EXPECT_EQ(thrownText<rdr::BlockException>([&] { in.readU32(); }),
-              "Reading from InStream would block");
-    EXPECT_EQ(in.pos(), 2u);
-    in.add(std::vector<uint8_t>{4, 0, 0, 0, 5, 'a', 'b'});
-    EXPECT_EQ(in.readU32(), 0x01020304u);
-
-    in.setCheckpoint();
-    EXPECT_EQ(in.readU32(), 5u);
-    EXPECT_THROW(take(in, 5), rdr::BlockException);
-    EXPECT_EQ(in.pos(), 6u);
-    in.readU32();
-    EXPECT_EQ(in.overrun(false, 4), 0);  // without wait: rewound, nothing thrown
-    EXPECT_EQ(in.pos(), 6u);
-    in.add("cde");
-    ASSERT_EQ(in.readU32(), 5u);
-    EXPECT_EQ(take(in, 5), "abcde");
-}
-
-TEST(InStream, NonRewindableStreamMovesItsCheckpointAtEachRefill) {
-    ScriptedInStream in(8);
-    in.setRewindable(false);
-    in.add("ABCD");
-    EXPECT_EQ(in.readU8(), 'A');
-    EXPECT_THROW(in.readU32(), rdr::BlockException);
-    // The byte read before the refill is gone; the three unread ones stay unread.
-    EXPECT_EQ(in.bufferOffset(), 1u);
-    EXPECT_EQ(in.pos(), 1u);
-    in.add("E");
-    EXPECT_EQ(in.readU32(), 0x42434445u);
-    EXPECT_EQ(thrownText([&] { in.rewind(); }), "Attempt to rewind a non-rewindable stream");
-
-    // An item longer than the buffer can only come out piecewise, each refill dropping what
-    // was already copied into scratch.
-    ScriptedInStream small(4);
-    small.setRewindable(false);
-    small.add("AB");
-    small.add("CDEF");
-    small.add("GHIJ");
-    char scratch[10];
-    EXPECT_EQ(small.getBytes(scratch, 10), reinterpret_cast<const uint8_t*>(scratch));
-    EXPECT_EQ(std::string(scratch, 10), "ABCDEFGHIJ");
-    EXPECT_EQ(small.pos(), 10u);
-}
-
-TEST(InStream, RepositionGoesNoFurtherBackThanTheCheckpoint) {
-    ScriptedInStream in(8);
-    in.add("01234");
-    in.skip(2);
-    in.setCheckpoint();
-    in.skip(2);
-    EXPECT_EQ(thrownText([&] { in.reposition(1); }), "Can't reposition before checkpoint");
-    EXPECT_EQ(in.pos(), 4u);
-    int calls = in.readCalls;
-    in.reposition(2);  // the checkpoint itself: only a rewind
-    EXPECT_EQ(in.readCalls, calls);
-    EXPECT_EQ(in.readU8(), '2');
-    EXPECT_THROW(in.reposition(7), rdr::BlockException);  // ahead of what has arrived
-    EXPECT_EQ(in.pos(), 2u);
-    in.add("5678");
-    in.reposition(7);
-    EXPECT_EQ(in.readU8(), '7');
-}
-
-TEST(InStream, ReadStringChecksTheLengthBeforeReadingTheBytes) {
-    const struct {
-        uint32_t declared, maxLength;
-        bool accepted;
-    } cases[] = {{5, 5, true}, {6, 5, false}, {0, 0, true}, {1, 0, false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.declared);
-        ScriptedInStream in;
-        in.add(std::vector<uint8_t>{0, 0, 0, static_cast<uint8_t>(c.declared)});
-        in.add(std::string(c.declared, 'x') + "!");
-        if (c.accepted) {
-            std::unique_ptr<char[]> s(in.readString(c.maxLength));
-            EXPECT_EQ(std::string(s.get()), std::string(c.declared, 'x'));
-            EXPECT_EQ(in.readU8(), '!');
-            continue;
+    size_t readData(void* dest, size_t maxBytes) override {
+        ++calls;
+        offered = maxBytes;
+        if (chunks.empty()) {
+            if (dry == "block") throw rdr::BlockException();
+            if (!dry.empty()) throw plat::Exception(dry.c_str());
+            return 0;
         }
-        EXPECT_EQ(
-            thrownText<rdr::StringTooLongException>([&] { delete[] in.readString(c.maxLength); }),
-            "String exceeds maximum length");
-        // Only the count was consumed, and no refill went after the string's bytes.
-        EXPECT_EQ(in.pos(), 4u);
-        EXPECT_EQ(in.readCalls, 1);
+        size_t n = std::min(maxBytes, chunks.front().size());
+        std::memcpy(dest, chunks.front().data(), n);
+        chunks.front().erase(0, n);
+        if (chunks.front().empty()) chunks.pop_front();
+        return n;
     }
-    ScriptedInStream in;
-    in.add(std::vector<uint8_t>{0, 0, 0, 4, 'a', 'b'});
-    in.setCheckpoint();
-    EXPECT_THROW(delete[] in.readString(10), rdr::BlockException);  // cut short: no leak
-    EXPECT_EQ(in.pos(), 0u);
-    in.add("cd");
-    std::unique_ptr<char[]> s(in.readString(10));
-    EXPECT_STREQ(s.get(), "abcd");
+};
+
+std::string text(const uint8_t* p, size_t length) {
+    return std::string(reinterpret_cast<const char*>(p), length);
+}
+std::string text(const zeltest::Bytes& bytes) {
+    return text(bytes.data(), bytes.size());
 }
 
-TEST(InStream, GetItemsReturnsWholeItemsUpToTheRequestOrOneInScratch) {
-    ScriptedInStream in(16);
-    in.add("aabbccd");
-    uint8_t scratch[6];
-    size_t n = 5;
-    const uint8_t* p = in.getItems(scratch, 2, &n);
-    EXPECT_EQ(n, 3u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(p), 6), "aabbcc");
-    in.setCheckpoint();
-    n = 2;
-    EXPECT_EQ(in.getItemsNoWait(scratch, 4, &n), nullptr);  // where getItems blocks
-    EXPECT_EQ(in.pos(), 6u);
-    EXPECT_THROW(in.getItems(scratch, 4, &n), rdr::BlockException);
-    EXPECT_EQ(in.pos(), 6u);
-    in.add("ddd");
-    n = 1;
-    ASSERT_NE(in.getItemsNoWait(scratch, 2, &n), nullptr);
-    EXPECT_EQ(n, 1u);  // two are there, one was asked for
-
-    ScriptedInStream split(4);
-    split.setRewindable(false);
-    split.add("xyz");
-    split.add("ABCDEFG");
-    split.skip(3);
-    n = 3;  // 4 bytes at the buffer's start are there, but the item is 6 bytes long
-    EXPECT_EQ(split.getItems(scratch, 6, &n), scratch);
-    EXPECT_EQ(n, 1u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(scratch), 6), "ABCDEF");
-}
-
-TEST(BufferedInStream, RefillKeepsBytesAfterTheCheckpointSoRewindStillWorks) {
-    ScriptedInStream in(8);
-    in.add("ABCDEFGH");
-    EXPECT_EQ(take(in, 5), "ABCDE");
-    in.setCheckpoint();
-    EXPECT_EQ(take(in, 2), "FG");
-    in.add("IJKL");
-    // One byte left: the refill drops "ABCDE", keeps "FGH" at the buffer's start and reads
-    // into the room that frees.
-    EXPECT_EQ(take(in, 2), "HI");
-    EXPECT_EQ(in.bufferOffset(), 5u);
-    EXPECT_EQ(in.offered.back(), 5u);
-    EXPECT_EQ(in.pos(), 9u);
-    in.rewind();
-    EXPECT_EQ(in.pos(), 5u);
-    EXPECT_EQ(take(in, 7), "FGHIJKL");
-
-    ScriptedInStream many(6);  // positions keep counting over many refills
-    for (int i = 0; i < 50; ++i) many.add(std::vector<uint8_t>{0, 0, 0, static_cast<uint8_t>(i)});
-    for (uint32_t i = 0; i < 50; ++i) {
-        EXPECT_EQ(many.setCheckpoint(), 4 * i);
-        EXPECT_EQ(many.readU32(), i);
+// One step of a script: "+text" and "#hex" add a chunk ("+" alone an empty one), the others
+// read or move and give what they return, or nothing.
+std::string perform(ScriptedInStream& in, const std::vector<std::string>& f) {
+    const std::string& op = f[0];
+    auto n = [&](size_t k) { return static_cast<uint32_t>(std::stoul(f.at(k))); };
+    char scratch[64];
+    size_t count = f.size() > 2 ? n(2) : 0;
+    if (op[0] == '+') return in.chunks.push_back(op.substr(1)), "";
+    if (op[0] == '#') return in.chunks.push_back(text(zeltest::parseHex(op.substr(1)))), "";
+    if (op == "u8") return std::string(1, static_cast<char>(in.readU8()));
+    if (op == "u16") return format("%x", in.readU16());
+    if (op == "u32") return format("%x", in.readU32());
+    if (op == "b") return text(in.getBytes(scratch, n(1)), n(1));
+    if (op == "str")
+        return "'" + std::string(std::unique_ptr<char[]>(in.readString(n(1))).get()) + "'";
+    if (op == "items" || op == "nowait") {
+        const uint8_t* p = op == "items" ? in.getItems(scratch, n(1), &count)
+                                         : in.getItemsNoWait(scratch, n(1), &count);
+        return p ? std::to_string(count) + "*" + text(p, count * n(1)) : "null";
     }
+    if (op == "skip") return in.skip(n(1)), "";
+    if (op == "to") return in.reposition(static_cast<uint32_t>(n(1))), "";
+    if (op == "rw") return in.rewind(), "";
+    if (op == "fixed") return in.setRewindable(false), "";
+    if (op == "dry") return in.dry = f.at(1), "";
+    if (op == "cp") return std::to_string(in.setCheckpoint());
+    if (op == "pos") return std::to_string(in.pos());
+    if (op == "over") return std::to_string(in.overrun(false, n(1)));
+    if (op == "avail") return std::to_string(in.available());
+    if (op == "offset") return std::to_string(in.offset());
+    if (op == "offered") return std::to_string(in.offered);
+    if (op == "calls") return std::to_string(in.calls);
+    ADD_FAILURE() << "unknown step " << op;
+    return "";
 }
 
-TEST(BufferedInStream, MessageLongerThanTheBufferFromItsCheckpointIsAnOverrun) {
-    ScriptedInStream in(4);
-    in.add("abcdef");
-    in.setCheckpoint();
-    EXPECT_EQ(thrownText([&] { take(in, 6); }), "InStream overrun: buffer size exceeded");
+// What the steps gave, space-separated; an exception shows as its text in brackets.
+std::string run(ScriptedInStream& in, const std::string& script) {
+    std::istringstream steps(script);
+    std::string trace, step;
+    while (steps >> step) {
+        std::vector<std::string> fields;
+        std::istringstream parts(step);
+        for (std::string part; std::getline(parts, part, ':');) fields.push_back(part);
+        std::string out;
+        try {
+            out = perform(in, fields);
+        } catch (const rdr::BlockException&) {
+            out = "[block]";
+        } catch (const plat::Exception& e) {
+            out = "[" + std::string(e.str()) + "]";
+        }
+        if (!out.empty()) trace += (trace.empty() ? "" : " ") + out;
+    }
+    return trace;
 }
 
-// An empty answer in the middle of a script blocks once; a source may also signal "would
-// block" itself, as a non-blocking socket does. Other failures pass through.
-TEST(BufferedInStream, NoDataBlocksOnceAndOtherFailuresPassThrough) {
-    ScriptedInStream in(8);
-    in.add("ab");
-    in.addNothing();
-    in.add("cd");
-    in.setCheckpoint();
-    EXPECT_THROW(in.readU32(), rdr::BlockException);
-    EXPECT_EQ(in.pos(), 0u);
-    EXPECT_EQ(in.readU32(), 0x61626364u);
-    in.add("x");
-    in.onDry = [] { throw rdr::BlockException(); };
-    in.setCheckpoint();
-    EXPECT_EQ(in.overrun(false, 2), 0);
-    EXPECT_EQ(in.pos(), 4u);
-    EXPECT_EQ(in.available(), 1u);
-    in.onDry = [] { throw plat::Exception("connection reset"); };
-    EXPECT_EQ(thrownText([&] { in.readU16(); }), "connection reset");
+TEST(InStream, Scripts) {
+    struct Case {
+        const char* name;
+        size_t bufferSize;  // 0: the default
+        std::string script, trace;
+    };
+    std::vector<Case> cases = {
+        {"a message cut anywhere rewinds to its checkpoint; integers are big-endian", 0,
+         "#0909010203 u16 cp u32 pos #04000000056162 u32 cp u32 b:5 pos u32 over:4 pos +cde u32 "
+         "b:5",
+         "909 2 [block] 2 1020304 6 5 [block] 6 5 0 6 5 abcde"},
+        {"a non-rewindable stream drops what was read at each refill", 8,
+         "fixed +ABCD u8 u32 offset pos +E u32 rw",
+         "A [block] 1 1 42434445 [Attempt to rewind a non-rewindable stream]"},
+        {"an item longer than the buffer comes out piecewise", 4, "fixed +AB +CDEF +GHIJ b:10 pos",
+         "ABCDEFGHIJ 10"},
+        {"reposition goes no further back than the checkpoint", 8,
+         "+01234 skip:2 cp skip:2 to:1 pos calls to:2 calls u8 to:7 pos +5678 to:7 u8",
+         "2 [Can't reposition before checkpoint] 4 1 1 2 [block] 2 7"},
+        {"a string at its maximum", 0, "#00000005 +xxxxx! str:5 u8", "'xxxxx' !"},
+        {"an empty string", 0, "#00000000 +! str:0 u8", "'' !"},
+        // Only the count is consumed, and no refill goes after the string's bytes.
+        {"a string one over", 0, "#00000006 +xxxxxx! str:5 pos calls",
+         "[String exceeds maximum length] 4 1"},
+        {"a string one over nothing", 0, "#00000001 +x! str:0 pos calls",
+         "[String exceeds maximum length] 4 1"},
+        {"a string cut short", 0, "#000000046162 cp str:10 pos +cd str:10", "0 [block] 0 'abcd'"},
+        {"whole items up to the request; getItemsNoWait returns null where getItems blocks", 16,
+         "+aabbccd items:2:5 cp nowait:4:2 pos items:4:2 pos +ddd nowait:2:1",
+         "3*aabbcc 6 null 6 [block] 6 1*dd"},
+        {"one item not contiguous in the buffer comes in scratch", 4,
+         "fixed +xyz +ABCDEFG skip:3 items:6:3", "1*ABCDEF"},
+        // One byte left: the refill drops "ABCDE", keeps "FGH" at the buffer's start and
+        // reads into the room that frees.
+        {"a refill keeps the bytes after the checkpoint", 8,
+         "+ABCDEFGH b:5 cp b:2 +IJKL b:2 offset offered pos rw pos b:7",
+         "ABCDE 5 FG HI 5 5 9 5 FGHIJKL"},
+        {"a message longer than the buffer from its checkpoint", 4, "+abcdef cp b:6",
+         "0 [InStream overrun: buffer size exceeded]"},
+        // A source may also say "would block" itself, as a non-blocking socket does.
+        {"no data blocks once; other failures pass through", 8,
+         "+ab + +cd cp u32 pos u32 +x dry:block cp over:2 pos avail dry:reset u16",
+         "0 [block] 0 61626364 4 0 4 1 [reset]"},
+    };
+    Case many{"positions keep counting over many refills", 6, "", ""};
+    for (unsigned i = 0; i < 50; ++i) many.script += format("#%08x ", i);
+    for (unsigned i = 0; i < 50; ++i) {
+        many.script += " cp u32";
+        many.trace += format("%s%u %x", i ? " " : "", 4 * i, i);
+    }
+    cases.push_back(many);
+    for (const Case& c : cases) {
+        ScriptedInStream in(c.bufferSize);
+        EXPECT_EQ(run(in, c.script), c.trace) << c.name;
+    }
 }
 
 TEST(MemInStream, RunningOutIsEndOfStreamNotBlock) {

@@ -22,11 +22,15 @@ std::string contents(rdr::MemOutStream& out) {
 // Growth is to used plus needed or double, whichever is more, clamped by the maximum, in
 // which case only the items that fit count; the bytes written so far survive it.
 TEST(MemOutStream, WritesBigEndianAndGrowsKeepingItsBytes) {
-    rdr::MemOutStream out(2);
+    rdr::MemOutStream out(7);  // an item that fits exactly grows nothing
     out.writeU8(0xAB);
     out.writeU16(0x0102);
     out.writeU32(0x81828384);
     EXPECT_EQ(contents(out), "\xAB\x01\x02\x81\x82\x83\x84");
+    EXPECT_EQ(out.capacity(), 7u);
+    rdr::MemOutStream two(2);
+    two.writeU16(0x0102);
+    EXPECT_EQ(two.capacity(), 2u);
     const struct {
         size_t capacity, maxSize, used, itemSize, nItems, fit, expected;
     } cases[] = {{4, 0, 4, 1, 1, 1, 8}, {4, 0, 2, 20, 1, 1, 22}, {2, 7, 2, 2, 10, 2, 7}};
@@ -58,17 +62,13 @@ TEST(MemOutStream, TheMaximumStopsTheItemThatWouldPassIt) {
 
 // A sink that takes as many bytes per call as the script says (an empty script takes all)
 // and records everything it was handed.
-class RecordingStream : public rdr::FullyBufferedOutStream {
-public:
+struct RecordingStream : rdr::FullyBufferedOutStream {
     using rdr::FullyBufferedOutStream::FullyBufferedOutStream;
     std::deque<size_t> accept;
     std::string received;
-    int calls = 0;
     bool fail = false;
 
-protected:
     size_t writeData(const void* data, size_t length) override {
-        ++calls;
         if (fail) throw plat::Exception("broken pipe");
         size_t n = length;
         if (!accept.empty()) {
@@ -136,31 +136,26 @@ TEST(FullyBufferedOutStream, RandomSinkReceivesExactlyWhatWasWritten) {
             size_t room = out.spaceAvailable(), capacity = out.capacity();
             std::string bytes(upTo(48), '\0');
             for (char& c : bytes) c = static_cast<char>(random());
-            switch (upTo(3)) {
-                case 0:
-                    out.writeBytes(bytes.data(), bytes.size());
-                    break;
-                case 1:
-                    out.writeU8('x');
-                    bytes = "x";
-                    break;
-                case 2:
-                    out.writeU32(0x41424344);
-                    bytes = "ABCD";
-                    break;
-                default:
-                    out.accept = {upTo(40), upTo(40), upTo(40)};
-                    out.flushBuffer();
-                    out.accept.clear();
-                    bytes.clear();
-                    break;
+            size_t kind = upTo(3);
+            if (kind == 0) {
+                out.writeBytes(bytes.data(), bytes.size());
+            } else if (kind == 1) {
+                out.writeU8('x'), bytes = "x";
+            } else if (kind == 2) {
+                out.writeU32(0x41424344), bytes = "ABCD";
+            } else {
+                out.accept = {upTo(40), upTo(40), upTo(40)};
+                out.flushBuffer();
+                out.accept.clear();
+                bytes.clear();
             }
             written += bytes;
+            SCOPED_TRACE(step);
             if (bytes.size() <= room) {
-                EXPECT_EQ(out.capacity(), capacity) << "step " << step;
+                EXPECT_EQ(out.capacity(), capacity);
             }
-            ASSERT_EQ(out.length(), written.size()) << "step " << step;
-            ASSERT_EQ(out.received, written.substr(0, out.received.size())) << "step " << step;
+            ASSERT_EQ(out.length(), written.size());
+            ASSERT_EQ(out.received, written.substr(0, out.received.size()));
         }
         out.flushBuffer();
         EXPECT_EQ(out.received, written);
