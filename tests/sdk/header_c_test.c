@@ -72,6 +72,9 @@ static void checkTableSizes(void) {
         CHECK(allBytesAre(buffer.bytes, size, sizeof buffer.bytes, GUARD));
         if (failures != failuresBefore) fprintf(stderr, "  (table of %u bytes)\n", (unsigned)size);
     }
+    /* The version words come from the library, not from the caller's zeroed table. */
+    CHECK(full.table.versionMajor == 2 && full.table.versionMinor == 7 &&
+          full.table.versionBuild == 2565);
     CHECK(ZELCDBSDKInitialize(NULL, FULL) == ZELCDBErrorInvalidParameter);
 }
 
