@@ -230,7 +230,7 @@ TEST_F(EndpointFlow, SbpRequestsAnswersFaultsAndANewPeer) {
     ASSERT_EQ(get("g1", "speed"), ZELCDBErrorNone);
     ASSERT_TRUE(client.waitFor("data g1 b1 speed=88"));
     ASSERT_EQ(get("g2", "odometer"), ZELCDBErrorNone);  // no such element
-    ASSERT_TRUE(client.waitFor("error g2 b1 odometer 14 10000002"));
+    ASSERT_TRUE(client.waitFor("error g2 b1 odometer 14 10000066"));
     // A challenged Get: the sink's answer reaches the source's application, which answers.
     ASSERT_EQ(get("g3", "driver"), ZELCDBErrorNone);
     ASSERT_TRUE(client.waitFor("data g3 b1 driver=7"));

@@ -320,7 +320,8 @@ public:
 
     // An SBP source whose elements are `values`. A Get is answered through the table from
     // inside its callback, except that "driver" is challenged first and answered once the
-    // challenge is; an element without a value is refused with 0x10000002. Sets and
+    // challenge is; an element without a value is refused with 0x10000066 (not the default
+    // failure code, so that the application's own code is seen to travel). Sets and
     // Subscribes are answered through the table, also from inside their callbacks.
     uint16_t addSbpSource(const char* name) {
         ZELCDBService service = {0, name, 1, 0, 0, 0};
@@ -408,7 +409,7 @@ private:
         t.getCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t command, uint32_t uid,
                            uint32_t* result) -> ZELCDBError {
             App& app = of(c);
-            *result = 0x10000002;
+            *result = 0x10000066;
             if (app.values_[uid].empty()) return ZELCDBErrorLocalSBPError;
             if (uid != uidOf("driver")) return app.answer(command, uid);
             Bytes question = intValue("challenge", 1);
