@@ -7,14 +7,12 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdarg>
 #include <cstdio>
 #include <fstream>
 #include <functional>
@@ -25,13 +23,15 @@
 #include <utility>
 #include <vector>
 
+#include "TestText.h"
 #include "plat/ManualClock.h"
 #include "sdk/ZELCDBEndpoint.h"
 #include "zelcdbsdk.h"
 
 namespace sdktest {
 
-using Bytes = std::vector<uint8_t>;
+using zeltest::Bytes;
+using zeltest::format;
 using Lines = std::vector<std::string>;
 
 // How long a test waits for another thread before it gives up and fails.
@@ -44,16 +44,6 @@ inline const ZELCDBSDK& api() {
         return t;
     }();
     return table;
-}
-
-inline std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-inline std::string format(const char* fmt, ...) {
-    char buffer[512];
-    va_list args;
-    va_start(args, fmt);
-    std::vsnprintf(buffer, sizeof buffer, fmt, args);
-    va_end(args);
-    return buffer;
 }
 
 // A TCP socket bound to a free loopback port; the port goes to *port.
@@ -71,12 +61,11 @@ inline int boundSocket(int* port) {
 inline std::string loopbackUrl(int port) {
     return "cdb://127.0.0.1:" + std::to_string(port);
 }
-inline int freePort() {
-    int port = 0;
-    return ::close(boundSocket(&port)), port;
-}
-inline std::string freeUrl() {
-    return loopbackUrl(freePort());
+inline std::string freeUrl(int* port = nullptr) {
+    int free = 0;
+    ::close(boundSocket(&free));
+    if (port) *port = free;
+    return loopbackUrl(free);
 }
 
 // Waits until something listens on the port (a server's thread listens some time after its
@@ -99,28 +88,27 @@ struct SilentPeer {
     int port = 0;
     int listener = -1;
     int accepted = -1;
-    std::vector<int> extra;
+    int queued = -1;
 
     explicit SilentPeer(int backlog = 4) : listener(boundSocket(&port)) {
         ::listen(listener, backlog);
     }
     ~SilentPeer() {
         hangUp();
-        for (int fd : extra) ::close(fd);
+        if (queued >= 0) ::close(queued);
         ::close(listener);
     }
     std::string url() const { return loopbackUrl(port); }
     bool accept() { return (accepted = ::accept(listener, nullptr, nullptr)) >= 0; }
     void hangUp() { accepted = accepted >= 0 ? ::close(accepted), -1 : -1; }
-    // Fills the accept queue, so that a further connect is never answered.
+    // Fills a backlog of 0, so that a further connect is never answered.
     void fillBacklog() {
-        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        queued = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         address.sin_port = htons(static_cast<uint16_t>(port));
-        ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        extra.push_back(fd);
+        ::connect(queued, reinterpret_cast<sockaddr*>(&address), sizeof address);
     }
 };
 
@@ -131,9 +119,6 @@ inline int countEntries(const char* directory) {
     while (dirent* entry = ::readdir(dir)) count += entry->d_name[0] != '.';
     ::closedir(dir);
     return count - (std::string(directory) == "/proc/self/fd" ? 1 : 0);  // opendir's own
-}
-inline int descriptorCount() {
-    return countEntries("/proc/self/fd");
 }
 // The thread count once it has fallen to `baseline`, or after two seconds: a joined thread
 // (here or under qemu-user) can still be leaving the task list; a leaked one never does.
@@ -154,10 +139,11 @@ public:
         lines_.push_back(std::move(line));
         changed_.notify_all();
     }
-    Lines lines() {
+    Lines startingWith(const std::string& prefix) {
         std::lock_guard<std::mutex> lock(mutex_);
-        return lines_;
+        return startingWithLocked(prefix);
     }
+    // Lines equal to text, or with prefix set, starting with it.
     int count(const std::string& text, bool prefix = false) {
         std::lock_guard<std::mutex> lock(mutex_);
         return countLocked(text, prefix);
@@ -175,18 +161,9 @@ public:
     }
     // Index of the first line equal to `line`, -1 if none.
     int indexOf(const std::string& line) {
-        Lines all = lines();
-        for (size_t i = 0; i < all.size(); ++i) {
-            if (all[i] == line) return static_cast<int>(i);
-        }
-        return -1;
-    }
-    Lines startingWith(const std::string& prefix) {
-        Lines found;
-        for (const auto& l : lines()) {
-            if (l.compare(0, prefix.size(), prefix) == 0) found.push_back(l);
-        }
-        return found;
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = std::find(lines_.begin(), lines_.end(), line);
+        return it == lines_.end() ? -1 : static_cast<int>(it - lines_.begin());
     }
 
 private:
@@ -194,6 +171,13 @@ private:
         int n = 0;
         for (const auto& l : lines_) n += prefix ? l.compare(0, text.size(), text) == 0 : l == text;
         return n;
+    }
+    Lines startingWithLocked(const std::string& prefix) {
+        Lines found;
+        for (const auto& l : lines_) {
+            if (l.compare(0, prefix.size(), prefix) == 0) found.push_back(l);
+        }
+        return found;
     }
 
     std::mutex mutex_;
@@ -210,31 +194,25 @@ inline std::string nameOf(uint32_t uid) {
     }
     return format("%x", uid);
 }
-inline Bytes encode(const std::function<void(ZELSBPSerializer*)>& build) {
+// One integer element, serialized through the table.
+inline Bytes intValue(const char* name, int32_t value) {
     ZELSBPSerializer* serializer = nullptr;
     if (api().serializerCreate(&serializer) != ZELCDBErrorNone) return {};
-    build(serializer);
+    api().serializerAddInt(serializer, uidOf(name), value);
     const uint8_t* data = nullptr;
     uint32_t length = 0;
-    Bytes bytes;
-    if (api().serializerGetData(serializer, &data, &length) == ZELCDBErrorNone)
-        bytes.assign(data, data + length);
+    api().serializerGetData(serializer, &data, &length);
+    Bytes bytes(data, data + length);
     api().serializerDestroy(serializer);
     return bytes;
-}
-inline Bytes intValue(const char* name, int32_t value) {
-    return encode([&](ZELSBPSerializer* s) { api().serializerAddInt(s, uidOf(name), value); });
 }
 // Integers as the deserializer reads them: "speed=88"; "!<code>" when it refuses.
 inline std::string decode(const uint8_t* data, int32_t size) {
     if (size <= 0) return "";
-    static const ZELSBPDeserializerCallbacks callbacks = [] {
-        ZELSBPDeserializerCallbacks t{};
-        t.intCallback = [](ZELSBPDeserializer*, void*, void* u, uint32_t uid, int32_t v) {
-            *static_cast<std::string*>(u) += format(" %s=%d", nameOf(uid).c_str(), v);
-        };
-        return t;
-    }();
+    ZELSBPDeserializerCallbacks callbacks{};
+    callbacks.intCallback = [](ZELSBPDeserializer*, void*, void* u, uint32_t uid, int32_t v) {
+        *static_cast<std::string*>(u) += format(" %s=%d", nameOf(uid).c_str(), v);
+    };
     ZELSBPDeserializer* deserializer = nullptr;
     api().deserializerCreate(&deserializer, nullptr, &callbacks, sizeof callbacks);
     std::string text;
@@ -255,7 +233,7 @@ inline void* ctx(const char* text) {
 //   added|removed <major>.<minor> [<id> <name> <major>.<minor> <attribute> <access>]...
 //   timeout                                start <id> <major>.<minor>      stop <id>
 //   source-payload <id> <text>             sink-payload <id> <text>        response <id> <code>
-// Its SBP source (addSbpSource) adds "sbp-start", "sbp-stop", "terminated", "get <cmd> <name>",
+// Its SBP source (addSbpSource) adds "sbp-start", "sbp-stop", "terminated",
 // "set <value>", "subscribe <name> <type> <interval>", "cancel <cmd> <name>",
 // "auth-response <cmd> <name> <result> <value>"; its SBP sink (addSbpSink) adds
 // "status <code>", "data <ctx> <cmd> <value>", "set-done <ctx> <name>",
@@ -266,10 +244,25 @@ class App {
 public:
     using Hook = std::function<void(App&, const std::string&)>;
 
-    App(int32_t mode, const std::string& endpointUrl, plat::ManualClock* clock = nullptr)
-        : url(endpointUrl), clock_(clock), waker_(this) {
+    App(int32_t mode, std::string endpointUrl, plat::ManualClock* clock = nullptr)
+        : url(std::move(endpointUrl)), clock_(clock), waker_(this) {
         ZELCDBEndpointParameters parameters = {url.c_str(), mode, this, 1, 1};
-        ZELCDBEndpointCallbacks callbacks = {&onLog, &onStatus, &onAdded, &onRemoved, &onTimeout};
+        ZELCDBEndpointCallbacks callbacks = {
+            [](ZELCDBEndpoint*, void* c, const char* category, int32_t level, const char* text) {
+                of(c).record(format("log %s/%d %s", category, level, text));
+            },
+            [](ZELCDBEndpoint*, void* c, int32_t status, ZELCDBError error) {
+                of(c).record(format("status %d %d", status, error));
+            },
+            [](ZELCDBEndpoint*, void* c, uint8_t major, uint8_t minor, const ZELCDBService* list,
+               uint32_t size, uint32_t count) {
+                of(c).record("added " + services(major, minor, list, size, count));
+            },
+            [](ZELCDBEndpoint*, void* c, uint8_t major, uint8_t minor, const ZELCDBService* list,
+               uint32_t size, uint32_t count) {
+                of(c).record("removed " + services(major, minor, list, size, count));
+            },
+            [](ZELCDBEndpoint*, void* c) { of(c).record("timeout"); }};
         created =
             api().endpointCreate(&ep, &parameters, sizeof parameters, &callbacks, sizeof callbacks);
         if (clock_ && ep) clock_->addListener(&waker_);
@@ -290,13 +283,28 @@ public:
     uint16_t addSource(const char* name, uint8_t major = 1, uint8_t minor = 0,
                        uint32_t attribute = 0, uint32_t access = 0) {
         ZELCDBService service = {0, name, major, minor, attribute, access};
-        ZELCDBSourceServiceCallbacks callbacks = {&onStart, &onStop, &onSourcePayload};
+        ZELCDBSourceServiceCallbacks callbacks = {
+            [](ZELCDBEndpoint*, void*, uint16_t id, void* s, uint8_t major, uint8_t minor) {
+                of(s).record(format("start %d %d.%d", id, major, minor));
+            },
+            [](ZELCDBEndpoint*, void*, uint16_t id, void* s) {
+                of(s).record(format("stop %d", id));
+            },
+            [](ZELCDBEndpoint*, void*, uint16_t id, void* s, const uint8_t* data, uint32_t length) {
+                of(s).record(format("source-payload %d ", id) + text(data, length));
+            }};
         lastResult = api().endpointAddSourceService(ep, this, &service, sizeof service, &callbacks,
                                                     sizeof callbacks);
         return lastResult == ZELCDBErrorNone ? service.serviceId : 0;
     }
     ZELCDBError addSink(uint16_t id) {
-        ZELCDBSinkCallbacks callbacks = {&onSinkPayload, &onResponse};
+        ZELCDBSinkCallbacks callbacks = {
+            [](ZELCDBEndpoint*, void*, uint16_t id, void* s, const uint8_t* data, uint32_t length) {
+                of(s).record(format("sink-payload %d ", id) + text(data, length));
+            },
+            [](ZELCDBEndpoint*, void*, uint16_t id, void* s, uint16_t code) {
+                of(s).record(format("response %d 0x%04x", id, code));
+            }};
         return api().endpointAddSink(ep, this, id, &callbacks, sizeof callbacks);
     }
     ZELCDBError send(uint16_t id, const std::string& text) {
@@ -312,7 +320,8 @@ public:
 
     // An SBP source whose elements are `values`. A Get is answered through the table from
     // inside its callback, except that "driver" is challenged first and answered once the
-    // challenge is; an element without a value is refused with `refusal`. Sets and
+    // challenge is; an element without a value is refused with 0x10000066 (not the default
+    // failure code, so that the application's own code is seen to travel). Sets and
     // Subscribes are answered through the table, also from inside their callbacks.
     uint16_t addSbpSource(const char* name) {
         ZELCDBService service = {0, name, 1, 0, 0, 0};
@@ -325,16 +334,8 @@ public:
         ZELSBPSinkCallbacks callbacks = sinkCallbacks();
         return api().sinkCreate(ep, this, id, &callbacks, sizeof callbacks);
     }
-    void setValue(const std::string& name, Bytes value) {
-        std::lock_guard<std::mutex> lock(valuesMutex_);
-        values_[uidOf(name)] = std::move(value);
-    }
-    Bytes value(uint32_t uid) {
-        std::lock_guard<std::mutex> lock(valuesMutex_);
-        auto it = values_.find(uid);
-        return it == values_.end() ? Bytes() : it->second;
-    }
-    uint32_t refusal = 0x10000002;  // set before the endpoint starts
+    // Before the endpoint starts; afterwards the source's own Sets change them.
+    void setValue(const std::string& name, Bytes value) { values_[uidOf(name)] = std::move(value); }
 
     // Replaces the hook once no call of the old one is under way; not from inside a hook.
     void setHook(Hook hook) {
@@ -386,46 +387,11 @@ private:
         return std::string(reinterpret_cast<const char*>(data), length);
     }
 
-    static void onLog(ZELCDBEndpoint*, void* c, const char* category, int32_t level,
-                      const char* text) {
-        of(c).record(format("log %s/%d %s", category, level, text));
-    }
-    static void onStatus(ZELCDBEndpoint*, void* c, int32_t status, ZELCDBError error) {
-        of(c).record(format("status %d %d", status, error));
-    }
-    static void onAdded(ZELCDBEndpoint*, void* c, uint8_t major, uint8_t minor,
-                        const ZELCDBService* list, uint32_t size, uint32_t count) {
-        of(c).record("added " + services(major, minor, list, size, count));
-    }
-    static void onRemoved(ZELCDBEndpoint*, void* c, uint8_t major, uint8_t minor,
-                          const ZELCDBService* list, uint32_t size, uint32_t count) {
-        of(c).record("removed " + services(major, minor, list, size, count));
-    }
-    static void onTimeout(ZELCDBEndpoint*, void* c) { of(c).record("timeout"); }
-    static void onStart(ZELCDBEndpoint*, void*, uint16_t id, void* s, uint8_t major,
-                        uint8_t minor) {
-        of(s).record(format("start %d %d.%d", id, major, minor));
-    }
-    static void onStop(ZELCDBEndpoint*, void*, uint16_t id, void* s) {
-        of(s).record(format("stop %d", id));
-    }
-    static void onSourcePayload(ZELCDBEndpoint*, void*, uint16_t id, void* s, const uint8_t* data,
-                                uint32_t length) {
-        of(s).record(format("source-payload %d ", id) + text(data, length));
-    }
-    static void onSinkPayload(ZELCDBEndpoint*, void*, uint16_t id, void* s, const uint8_t* data,
-                              uint32_t length) {
-        of(s).record(format("sink-payload %d ", id) + text(data, length));
-    }
-    static void onResponse(ZELCDBEndpoint*, void*, uint16_t id, void* s, uint16_t code) {
-        of(s).record(format("response %d 0x%04x", id, code));
-    }
-
     // Answers a Get (or a periodic tick, command 0xB3) with the element's value.
     // The buffers handed to the table here are spoilt as soon as the calls return: made
     // from inside callbacks, the calls are performed later, from their own copies.
     ZELCDBError answer(uint32_t command, uint32_t uid) {
-        Bytes v = value(uid);
+        Bytes v = values_[uid];
         ZELCDBError result = api().sourceSendGetResponse(ep, sbpSource_, nullptr, command, uid, 0,
                                                          v.data(), static_cast<uint32_t>(v.size()));
         return std::fill(v.begin(), v.end(), 0xEE), result;
@@ -443,9 +409,8 @@ private:
         t.getCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t command, uint32_t uid,
                            uint32_t* result) -> ZELCDBError {
             App& app = of(c);
-            app.record(format("get %x ", command) + nameOf(uid));
-            *result = app.refusal;
-            if (app.value(uid).empty()) return ZELCDBErrorLocalSBPError;
+            *result = 0x10000066;
+            if (app.values_[uid].empty()) return ZELCDBErrorLocalSBPError;
             if (uid != uidOf("driver")) return app.answer(command, uid);
             Bytes question = intValue("challenge", 1);
             ZELCDBError sent =
@@ -457,7 +422,7 @@ private:
                            const uint8_t* data, int32_t size, uint32_t*) -> ZELCDBError {
             App& app = of(c);
             app.record("set " + decode(data, size));
-            app.setValue(nameOf(uid), Bytes(data, data + size));
+            app.values_[uid].assign(data, data + size);
             return api().sourceSendSetResponse(e, s, nullptr, uid, 0);
         };
         t.subscribeCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t uid,
@@ -523,8 +488,7 @@ private:
     plat::ManualClock* clock_;
     Waker waker_;
     uint16_t sbpSource_ = 0;
-    std::mutex valuesMutex_;
-    std::map<uint32_t, Bytes> values_;  // guarded by valuesMutex_
+    std::map<uint32_t, Bytes> values_;  // the SBP source's elements
     std::mutex hookMutex_;
     std::condition_variable hookIdle_;
     int hooksRunning_ = 0;  // this and hook_ guarded by hookMutex_
@@ -544,8 +508,7 @@ private:
 // A server and a client application on one port.
 struct Pair {
     explicit Pair(plat::ManualClock* clock = nullptr)
-        : port(freePort()),
-          url(loopbackUrl(port)),
+        : url(freeUrl(&port)),
           server(ZELCDBEndpointModeServer, url, clock),
           client(ZELCDBEndpointModeClient, url, clock) {}
 
@@ -559,7 +522,7 @@ struct Pair {
                server.events.waitForPrefix("added ", times);
     }
 
-    int port;
+    int port = 0;
     std::string url;
     App server;
     App client;
