@@ -97,11 +97,14 @@ class Endpoint:
 
     Sources are declared before the start (`sbp_source`, `cdb_source`); sinks while it runs.
     on_log(category, level, text) and on_status(status, error) are called on the endpoint
-    thread; the library's log also goes to the logging logger "zelcdb"."""
+    thread; the library's log also goes to the logging logger "zelcdb". A client used as a
+    context manager connects (connect) on entry."""
 
-    def __init__(self, url, mode, library=None, on_log=None, on_status=None):
+    def __init__(self, url, mode, library=None, on_log=None, on_status=None,
+                 connect_timeout=5.0):
         self.lib = n.load(library)
-        self.url, self.on_log, self.on_status = url, on_log, on_status
+        self.url, self.mode, self.on_log, self.on_status = url, mode, on_log, on_status
+        self.connect_timeout = connect_timeout
         self._cond = threading.Condition()
         # Guarded by _cond: what the endpoint thread reports.
         self.running = self.connected = False
@@ -162,9 +165,24 @@ class Endpoint:
             with _open_lock:
                 _open.discard(self)
 
+    def connect(self, timeout=5.0):
+        """Starts a client endpoint and waits for its connection; a refused or reset
+        connection (the server not listening yet, or busy with another peer) is tried again
+        after a short pause until timeout."""
+        deadline = time.monotonic() + timeout
+        while True:
+            self.start()
+            try:
+                return self.wait_connected(max(0.0, deadline - time.monotonic()))
+            except ZelcdbError as e:
+                if e.code == TIMEOUT or time.monotonic() + 0.05 > deadline:
+                    raise
+            self.stop()  # joins the thread that ended
+            time.sleep(0.05)
+
     def __enter__(self):
         if not self.running:
-            self.start()
+            self.connect(self.connect_timeout) if self.mode == n.MODE_CLIENT else self.start()
         return self
 
     def __exit__(self, *exc):
@@ -192,7 +210,7 @@ class Endpoint:
                 self._cond.wait(left)
 
     def wait_connected(self, timeout=5.0):
-        self.wait(lambda: self.connected, timeout, "waiting for the peer")
+        self.wait(lambda: self.connected, timeout, f"connecting {self.url}")
 
     def peer_services(self):
         """{name: (service id, major, minor)} of the services the peer offers now."""
@@ -262,7 +280,7 @@ class Endpoint:
             sinks, self._sinks = self._sinks, []
             self._cond.notify_all()
         for sink in sinks:
-            sink._gone(error or NETWORK_ERROR)
+            sink._gone(error or ILLEGAL_WHILE_NOT_RUNNING)
 
     def _peer_services(self, services, added):
         with self._cond:

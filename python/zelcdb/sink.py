@@ -122,6 +122,7 @@ class SbpSink:
         self._lock = threading.Lock()
         self._pending = {}  # request context -> _Request; guarded by _lock
         self._started = concurrent.futures.Future()
+        self._stopped = None  # the error of a stopped service, guarded by _lock
         self._key = reg.register(self)
         table = _CALLBACKS if on_challenge else _CALLBACKS_NO_CHALLENGE
         self.lib.check(self.lib.sinkCreate(endpoint._live(), self._key, service_id,
@@ -223,6 +224,8 @@ class SbpSink:
     def _send(self, request, send):
         key = reg.next_key()
         with self._lock:
+            if self._stopped:
+                raise self._stopped
             self._pending[key] = request
         try:
             self.lib.check(send(key), f"{_COMMANDS[request.command]} "
@@ -290,9 +293,9 @@ class SbpSink:
     def _gone(self, error, keep=False):
         """The service stopped or the connection ended: the library drops every request
         without a callback, so their waiters are told here."""
-        with self._lock:
-            pending, self._pending = self._pending, {}
         failure = ZelcdbError(error, self.lib.error_name(error), what="the service stopped")
+        with self._lock:
+            pending, self._pending, self._stopped = self._pending, {}, failure
         _settle(self._started, error=failure)
         for request in pending.values():
             _settle(request.future, error=failure)

@@ -249,7 +249,7 @@ class SbpSource:
             reg.log.warning("Set of %s refused: %s", element.name, e)
             return _FAILED
         if not _fits(node, element.type):
-            reg.log.warning("Set of %s refused: not a %s", element.name, element.type.describe())
+            reg.log.warning("Set of %s refused: expects %s", element.name, element.type.describe())
             return _FAILED
         value = to_python(node, self.elements.names)
 
