@@ -246,7 +246,9 @@ class SbpSink:
         try:
             return request.future.result(timeout)
         except concurrent.futures.TimeoutError:
-            self._abandon(key, request)
+            cancel = self._abandon(key, request)
+            if cancel:
+                concurrent.futures.wait([cancel], self.timeout)
             raise ZelcdbError(TIMEOUT, what=f"{_COMMANDS[request.command]} "
                                             f"{self.elements.name(request.uid)}: no answer "
                                             f"within {timeout} s") from None
@@ -258,19 +260,27 @@ class SbpSink:
         try:
             return await asyncio.wait_for(asyncio.wrap_future(request.future), timeout)
         except asyncio.TimeoutError:
-            self._abandon(key, request)
+            cancel = self._abandon(key, request)
+            if cancel:
+                await asyncio.wait([asyncio.wrap_future(cancel)], timeout=self.timeout)
             raise ZelcdbError(TIMEOUT, what=f"{_COMMANDS[command]} {self.elements.name(uid)}: "
                                             f"no answer within {timeout} s") from None
 
     def _abandon(self, key, request):
-        """Forgets a request its caller no longer waits for, and cancels it at the source:
-        the library refuses a second request of the same command and element while one is
-        outstanding."""
+        """Forgets a request its caller no longer waits for and cancels it at the source,
+        returning the Cancel's future: the library refuses a second request of the same
+        command and element until the first has ended."""
         with self._lock:
             self._pending.pop(key, None)
-        if request.command in (n.CMD_GET, n.CMD_SET, n.CMD_SUBSCRIBE) and self.endpoint.handle:
-            self.lib.sinkSendCancel(self.endpoint.handle, self.service_id, None, request.uid,
-                                    request.command)
+        if request.command not in (n.CMD_GET, n.CMD_SET, n.CMD_SUBSCRIBE):
+            return None
+        cancel = _Request(n.CMD_CANCEL, request.uid)
+        try:
+            self._send(cancel, lambda k: self.lib.sinkSendCancel(
+                self.endpoint._live(), self.service_id, k, request.uid, request.command))
+        except ZelcdbError:
+            return None
+        return cancel.future
 
     # ---- Endpoint thread ------------------------------------------------------------------
 

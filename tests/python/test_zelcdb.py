@@ -88,10 +88,14 @@ never = concurrent.futures.Future()  # a getter's answer that never comes
 
 
 class Commands(Pair):
-    getters = {"computed": lambda: Commands.computed, "stuck": lambda: never,
+    getters = {"computed": lambda: Commands.computed, "stuck": lambda: Commands.stuck,
                "deferred": lambda: Commands.later, "broken": lambda: 1 / 0}
     setters = {"checked": lambda value: Commands.refusal(value)}
     computed = 7
+
+    def setUp(self):
+        Commands.stuck = never
+        super().setUp()
 
     @staticmethod
     def refusal(value):
@@ -150,6 +154,8 @@ class Commands(Pair):
         # A Get given up on is cancelled at the source, so the next one is not refused as
         # already pending.
         self.assertRefused(TIMEOUT, 0, self.sink.get, "stuck", timeout=0.2)
+        Commands.stuck = 2.5
+        self.assertEqual(self.sink.get("stuck"), 2.5)
         Commands.later = concurrent.futures.Future()
         threading.Timer(0.05, Commands.later.set_result, [12]).start()
         self.assertEqual(self.sink.get("deferred"), 12)
@@ -168,8 +174,9 @@ class Commands(Pair):
             await self.sink.alive_async()
             with self.assertRaises(zelcdb.ZelcdbError):
                 await self.sink.get_async("stuck", timeout=0.1)
-            return values
-        self.assertEqual(asyncio.run(bench()), [True, 3, 5])
+            Commands.stuck = 0.5
+            return values + [await self.sink.get_async("stuck")]
+        self.assertEqual(asyncio.run(bench()), [True, 3, 5, 0.5])
 
     def test_stop_while_a_get_waits_never_hangs(self):
         for stopped in ("client", "server"):
@@ -224,7 +231,14 @@ class Plain(unittest.TestCase):
         server = zelcdb.Endpoint.server(url)
         echo = server.cdb_source("echo", on_payload=lambda data: echo.send(data[::-1]))
         server.cdb_source("closed", on_start=lambda: False)
-        with server, zelcdb.Endpoint.client(url) as client:
+        # A client that comes first tries again until the server listens.
+        client = zelcdb.Endpoint.client(url)
+        connecting = threading.Thread(target=client.connect, args=(5,))
+        connecting.start()
+        time.sleep(0.1)
+        server.start()
+        connecting.join()
+        with server, client:
             sink = client.cdb_sink("echo", on_payload=received["client"].append)
             sink.send(b"\x01\x02")
             with self.assertRaisesRegex(zelcdb.ZelcdbError, "0x0201"):
