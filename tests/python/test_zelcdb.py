@@ -233,11 +233,8 @@ class Plain(unittest.TestCase):
         server.cdb_source("closed", on_start=lambda: False)
         # A client that comes first tries again until the server listens.
         client = zelcdb.Endpoint.client(url)
-        connecting = threading.Thread(target=client.connect, args=(5,))
-        connecting.start()
-        time.sleep(0.1)
-        server.start()
-        connecting.join()
+        threading.Timer(0.1, server.start).start()
+        client.connect(5)
         with server, client:
             sink = client.cdb_sink("echo", on_payload=received["client"].append)
             sink.send(b"\x01\x02")
