@@ -195,9 +195,12 @@ def load(path=None):
             return _library
         candidates = [path or os.environ.get("ZELCDB_LIBRARY") or "libzelcdbsdk.so.1"]
         if not (path or os.environ.get("ZELCDB_LIBRARY")):
-            here = os.path.dirname(os.path.abspath(__file__))
-            # lib/python3/dist-packages/zelcdb -> lib: where cmake --install puts the library.
-            candidates.append(os.path.join(here, "..", "..", "..", "libzelcdbsdk.so.1"))
+            try:  # installed: the library lies where cmake --install put it
+                from ._installed import LIBDIR
+                here = os.path.dirname(os.path.abspath(__file__))
+                candidates.append(os.path.join(here, LIBDIR, "libzelcdbsdk.so.1"))
+            except ImportError:
+                pass
         failure = None
         for candidate in candidates:
             try:
