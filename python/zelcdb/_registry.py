@@ -11,6 +11,9 @@ import logging
 import threading
 
 log = logging.getLogger("zelcdb")
+# The library's lines reach the application's logging configuration; without one they are
+# not printed (a peer leaving is an error line of the library, and benches have many).
+log.addHandler(logging.NullHandler())
 
 _keys = itertools.count(1)
 _objects = {}
