@@ -159,7 +159,12 @@ class Endpoint:
         """Stops the endpoint and frees it; the library calls nothing of it afterwards."""
         handle, self.handle = self.handle, None
         if handle is not None:
-            self.lib.endpointDestroy(handle)
+            code = self.lib.endpointDestroy(handle)
+            if code != 0:  # from inside one of its own callbacks: it cannot free itself
+                self.handle = handle
+                self.lib.check(code, f"closing {self.url}")
+            for source in self._sources:
+                reg.unregister(source._key)
             reg.unregister(self._key)
             self._ended(ILLEGAL_WHILE_NOT_RUNNING)
             with _open_lock:
@@ -233,7 +238,14 @@ class Endpoint:
                        on_challenge)
         with self._cond:
             self._sinks.append(sink)
-        sink._start()
+        try:
+            sink._start()
+        except ZelcdbError:
+            with self._cond:
+                if sink in self._sinks:
+                    self._sinks.remove(sink)
+            sink._gone(ILLEGAL_WHILE_NOT_RUNNING)
+            raise
         return sink
 
     def sbp_source(self, service, elements, getters=None, setters=None, challenge=None,

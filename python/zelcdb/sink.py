@@ -10,7 +10,7 @@ from . import _native as n
 from . import _registry as reg
 from .elements import Elements, load_elements
 from .errors import FAILED, ILLEGAL_WHILE_NOT_RUNNING, REMOTE_SBP_ERROR, TIMEOUT, ZelcdbError
-from .values import Type, decode_node, to_python, type_of
+from .values import Type, decode_node, encode, to_python, type_of
 
 DEFAULT = object()  # "the sink's own time-out"
 
@@ -126,7 +126,8 @@ class SbpSink:
         self._key = reg.register(self)
         table = _CALLBACKS if on_challenge else _CALLBACKS_NO_CHALLENGE
         self.lib.check(self.lib.sinkCreate(endpoint._live(), self._key, service_id,
-                                           ctypes.byref(table), ctypes.sizeof(table)), "creating an SBP sink")
+                                           ctypes.byref(table), ctypes.sizeof(table)),
+                       "creating an SBP sink")
 
     # ---- Blocking requests ---------------------------------------------------------------
 
@@ -205,7 +206,6 @@ class SbpSink:
                                     len(data))
 
     def _encode(self, uid, value, type_, timeout):
-        from .values import encode
         if isinstance(type_, str):
             type_ = Type(type_)
         if type_ is None:
