@@ -25,12 +25,12 @@ def rate(seconds, one_round):
     return done / (time.perf_counter() - began)
 
 
-def main(seconds):
+def measure(seconds, log):
     url = free_url()
-    server = zelcdb.Endpoint.server(url)
+    server = zelcdb.Endpoint.server(url, log=log)
     names = [f"element{i}" for i in range(8)]
     server.sbp_source("bench", {name: i for i, name in enumerate(names)})
-    with server, zelcdb.Endpoint.client(url) as client:
+    with server, zelcdb.Endpoint.client(url, log=log) as client:
         sink = client.sbp_sink("bench", timeout=2.0)
 
         def one_get():
@@ -42,11 +42,13 @@ def main(seconds):
             return len(names)
 
         loop = asyncio.new_event_loop()
-        print(f"Gets per second, one at a time:     {rate(seconds, one_get):8.0f}")
-        print(f"Gets per second, 8 in flight (asyncio): "
-              f"{rate(seconds, lambda: loop.run_until_complete(eight_gets())):4.0f}")
+        with_log = "with the library's log" if log else "log=False"
+        print(f"{with_log:>22}: Gets per second, one at a time {rate(seconds, one_get):6.0f}, "
+              f"8 in flight (asyncio) "
+              f"{rate(seconds, lambda: loop.run_until_complete(eight_gets())):6.0f}")
         loop.close()
 
 
 if __name__ == "__main__":
-    main(float(sys.argv[1]) if len(sys.argv) > 1 else 3.0)
+    for log in (True, False):
+        measure(float(sys.argv[1]) if len(sys.argv) > 1 else 3.0, log)

@@ -74,6 +74,10 @@ def _on_services_timeout(_e, key):
 _CALLBACKS = n.EndpointCallbacks(_T["log"](_on_log), _T["status"](_on_status),
                                  _T["added"](_on_added), _T["removed"](_on_removed),
                                  _T["servicesTimeout"](_on_services_timeout))
+# The library logs a line per message sent or received, each one a hand-over of the GIL to
+# the endpoint thread: benches that do not read the log go faster without it.
+_CALLBACKS_NO_LOG = n.EndpointCallbacks(_T["log"](), _CALLBACKS.status, _CALLBACKS.added,
+                                        _CALLBACKS.removed, _CALLBACKS.servicesTimeout)
 
 _open = set()
 _open_lock = threading.Lock()
@@ -97,11 +101,12 @@ class Endpoint:
 
     Sources are declared before the start (`sbp_source`, `cdb_source`); sinks while it runs.
     on_log(category, level, text) and on_status(status, error) are called on the endpoint
-    thread; the library's log also goes to the logging logger "zelcdb". A client used as a
+    thread; the library's log also goes to the logging logger "zelcdb" (log=False without
+    on_log leaves it out, which makes each message cheaper). A client used as a
     context manager connects (connect) on entry."""
 
     def __init__(self, url, mode, library=None, on_log=None, on_status=None,
-                 connect_timeout=5.0):
+                 connect_timeout=5.0, log=True):
         self.lib = n.load(library)
         self.url, self.mode, self.on_log, self.on_status = url, mode, on_log, on_status
         self.connect_timeout = connect_timeout
@@ -115,11 +120,11 @@ class Endpoint:
         self._sources = []
         self._key = reg.register(self)
         parameters = n.EndpointParameters(url.encode(), mode, self._key, 1, 1)
-        handle = n.P()
+        handle, table = n.P(), _CALLBACKS if log or on_log else _CALLBACKS_NO_LOG
         try:
             self.lib.check(self.lib.endpointCreate(
                 ctypes.byref(handle), ctypes.byref(parameters), ctypes.sizeof(parameters),
-                ctypes.byref(_CALLBACKS), ctypes.sizeof(_CALLBACKS)), f"endpoint {url}")
+                ctypes.byref(table), ctypes.sizeof(table)), f"endpoint {url}")
         except ZelcdbError:
             reg.unregister(self._key)
             raise
