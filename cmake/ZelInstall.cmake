@@ -1,4 +1,5 @@
-# Install rules, in three components that become the three Debian packages (ZelPackage):
+# Install rules, in three components that become three of the Debian packages (ZelPackage;
+# the Python package's rule, component python, is in python/CMakeLists.txt):
 #   runtime  libzelcdbsdk.so.1 and its file
 #   dev      the header, the unversioned .so link, the CMake package, zelcdbsdk.pc, the API
 #            reference when it was built

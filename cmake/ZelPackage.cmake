@@ -3,6 +3,7 @@
 #   libzelcdbsdk1      runtime   the shared object
 #   libzelcdbsdk-dev   dev       header, CMake package, pkg-config file, API reference
 #   zelcdb             zelcdb    the command-line tool and its man page
+#   python3-zelcdb     python    the Python package (architecture all)
 # tools/package.sh builds what they hold and runs cpack; the packages land in
 # <build>/packages.
 set(ZEL_DEB_MAINTAINER "libzelcdbsdk developers <libzelcdbsdk@example.com>"
@@ -29,7 +30,7 @@ add_custom_command(OUTPUT ${zel_deb_doc}/changelog.gz
                    COMMAND gzip -9n -c ${zel_deb_doc}/changelog > ${zel_deb_doc}/changelog.gz
                    DEPENDS ${zel_deb_doc}/changelog)
 add_custom_target(zel_deb_doc ALL DEPENDS ${zel_deb_doc}/changelog.gz)
-foreach(pair runtime:libzelcdbsdk1 dev:libzelcdbsdk-dev zelcdb:zelcdb)
+foreach(pair runtime:libzelcdbsdk1 dev:libzelcdbsdk-dev zelcdb:zelcdb python:python3-zelcdb)
   string(REPLACE ":" ";" pair ${pair})
   list(GET pair 0 component)
   list(GET pair 1 package)
@@ -45,7 +46,7 @@ set(CPACK_PACKAGE_CONTACT ${ZEL_DEB_MAINTAINER})
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime dev)
+set(CPACK_COMPONENTS_ALL runtime dev python)
 if(TARGET zelcdb)
   list(APPEND CPACK_COMPONENTS_ALL zelcdb)
 endif()
@@ -81,6 +82,15 @@ set(CPACK_DEBIAN_ZELCDB_PACKAGE_SECTION utils)
 set(CPACK_COMPONENT_ZELCDB_DESCRIPTION "Offer, list and use CDB and SBP services from a terminal
 zelcdb serves an SBP service whose elements come from a JSON file, and reads,
 writes and subscribes to the elements of any peer's services.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-zelcdb)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, libzelcdbsdk1 (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "Python package for CDB and SBP test benches
+zelcdb for Python: CDB endpoints, SBP sinks and sources and SBP values as
+Python objects, over libzelcdbsdk through ctypes, for test benches written
+with pytest or unittest.")
 
 # Dependencies on the system's libraries: dpkg-shlibdeps where it can read the binaries'
 # architecture, the Debian 12 versions the libraries need otherwise (the armhf cross build).
