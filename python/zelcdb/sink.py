@@ -148,16 +148,21 @@ class SbpSink:
         source chooses). Returns a Subscription once the source accepted it: iterate it for
         the updates (up to count, each awaited up to timeout; the iteration's end cancels),
         or give callback(value), called on the endpoint thread for each update."""
+        key, request = self._subscribe(element, periodic_ms, on_change, queue.Queue(),
+                                       callback)
+        self._wait(key, request, timeout)
+        return Subscription(self, key, request, count, self._timeout(timeout))
+
+    def _subscribe(self, element, periodic_ms, on_change, updates, callback):
         uid = self.uid(element)
         kind = (n.SUBSCRIBE_EITHER if periodic_ms and on_change else
                 n.SUBSCRIBE_PERIODIC if periodic_ms else n.SUBSCRIBE_ON_CHANGE)
         # The library wants an interval with an on-change subscription too.
         interval = int(periodic_ms or 1000)
-        request = _Request(n.CMD_SUBSCRIBE, uid, queue.Queue(), callback)
+        request = _Request(n.CMD_SUBSCRIBE, uid, updates, callback)
         key = self._send(request, lambda k: self.lib.sinkSendSubscribe(
             self.endpoint._live(), self.service_id, k, uid, kind, interval))
-        self._wait(key, request, timeout)
-        return Subscription(self, key, request, count, self._timeout(timeout))
+        return key, request
 
     def cancel(self, element, command=n.CMD_SUBSCRIBE, timeout=DEFAULT):
         uid = self.uid(element)
@@ -182,6 +187,19 @@ class SbpSink:
         data = self._encode(uid, value, type, timeout)
         await self._call_async(n.CMD_SET, uid, timeout,
                                lambda key, u: self._send_set(key, u, data))
+
+    async def subscribe_async(self, element, periodic_ms=None, on_change=False, count=None,
+                              timeout=DEFAULT):
+        """subscribe() for an event loop: iterate the Subscription with `async for`."""
+        key, request = self._subscribe(element, periodic_ms, on_change,
+                                       _LoopQueue(asyncio.get_running_loop()), None)
+        await self._await(key, request, timeout)
+        return Subscription(self, key, request, count, self._timeout(timeout))
+
+    async def cancel_async(self, element, command=n.CMD_SUBSCRIBE, timeout=DEFAULT):
+        await self._call_async(n.CMD_CANCEL, self.uid(element), timeout,
+                               lambda key, u: self.lib.sinkSendCancel(
+                                   self.endpoint._live(), self.service_id, key, u, command))
 
     async def alive_async(self, timeout=DEFAULT):
         await self._call_async(n.CMD_ALIVE, 0, timeout, lambda key, _u: self.lib.sinkSendAlive(
@@ -256,7 +274,10 @@ class SbpSink:
     async def _call_async(self, command, uid, timeout, send):
         request = _Request(command, uid)
         key = self._send(request, lambda k: send(k, uid))
-        timeout = self._timeout(timeout)
+        return await self._await(key, request, timeout)
+
+    async def _await(self, key, request, timeout):
+        command, uid, timeout = request.command, request.uid, self._timeout(timeout)
         try:
             return await asyncio.wait_for(asyncio.wrap_future(request.future), timeout)
         except asyncio.TimeoutError:
@@ -344,6 +365,19 @@ class SbpSink:
             request.updates.put(error)
 
 
+class _LoopQueue:
+    """Updates handed from the endpoint thread to an event loop."""
+
+    def __init__(self, loop):
+        self.loop, self.queue = loop, asyncio.Queue()
+
+    def put(self, item):
+        try:
+            self.loop.call_soon_threadsafe(self.queue.put_nowait, item)
+        except RuntimeError:  # the loop is closed: nobody reads the updates any more
+            pass
+
+
 class Subscription:
     """An accepted subscription: iterate it for the updates' values, or cancel() it."""
 
@@ -369,6 +403,31 @@ class Subscription:
                 yield self.sink._value(self._request.uid, item)
         finally:
             self.cancel()
+
+    async def __aiter__(self):
+        received = 0
+        try:
+            while self.count is None or received < self.count:
+                try:
+                    item = await asyncio.wait_for(self._request.updates.queue.get(),
+                                                  self.timeout)
+                except asyncio.TimeoutError:
+                    raise ZelcdbError(TIMEOUT, what="no update within "
+                                                    f"{self.timeout} s") from None
+                if isinstance(item, ZelcdbError):
+                    self.active = False
+                    if item.code == REMOTE_SBP_ERROR and item.result == n.RESULT_CANCELLED:
+                        return
+                    raise item
+                received += 1
+                yield self.sink._value(self._request.uid, item)
+        finally:
+            if self.active:
+                self.active = False
+                try:
+                    await self.sink.cancel_async(self._request.uid)
+                except ZelcdbError as e:
+                    reg.log.debug("cancelling a subscription: %s", e)
 
     def cancel(self):
         """Ends the subscription (once; errors of a stopped endpoint are ignored)."""
