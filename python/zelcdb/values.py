@@ -11,6 +11,7 @@ otherwise. `to_json` and `json_line` give the text zelcdb prints (bytes as hex).
 import ctypes
 import itertools
 import json
+import math
 import struct
 
 from . import _native as n
@@ -373,6 +374,8 @@ def to_json(value):
         return {k: to_json(v) for k, v in value.items()}
     if isinstance(value, (list, tuple)):
         return [to_json(v) for v in value]
+    if isinstance(value, float) and not math.isfinite(value):
+        return None  # JSON has no NaN or infinity; zelcdb prints null for them too
     return value
 
 
