@@ -258,11 +258,9 @@ end
 ---------------------------------------------------------------------------------------------
 -- Conversation state, filled on the first pass.
 
-local conversations = {} -- [tcp stream] = {services = {}, sbp = {}, requests = {}}
+local conversations = {} -- [both ends] = {services = {}, sbp = {}, requests = {}}
 local pdus = {}          -- [frame:offset:length:type] = what the first pass found for that PDU
 local all_requests = {}  -- every SBP request record, to flag those never answered
-
-local tcp_stream = Field.new("tcp.stream")
 
 function cdb.init()
     conversations, pdus, all_requests = {}, {}, {}
@@ -271,14 +269,18 @@ function cdb.init()
     load_elements(cdb.prefs.elements)
 end
 
-local function conversation(pinfo)
-    local field = tcp_stream()
-    local key = field and field.value or -1
+-- Keyed by both ends rather than by tcp.stream, whose value the first pass does not always
+-- have (no tree). A connection that reuses both ports after a ByeBye starts afresh.
+local function conversation(pinfo, message_type)
+    local a = tostring(pinfo.src) .. ":" .. pinfo.src_port
+    local b = tostring(pinfo.dst) .. ":" .. pinfo.dst_port
+    local key = a < b and (a .. " " .. b) or (b .. " " .. a)
     local c = conversations[key]
-    if not c then
+    if not c or (c.closed and message_type == 0xB101) then
         c = {services = {}, sbp = {}, requests = {}}
         conversations[key] = c
     end
+    if message_type == 0xB109 then c.closed = true end
     return c
 end
 
@@ -321,6 +323,7 @@ local function utf16_text(range, units)
     local out = {}
     for i = 0, units - 1 do
         local u = range(i * 2, 2):uint()
+        if u >= 0xD800 and u < 0xE000 then u = 0xFFFD end -- a lone half of a pair
         if u < 0x80 then
             out[#out + 1] = string.char(u)
         elseif u < 0x800 then
@@ -684,7 +687,7 @@ handlers[0xB102] = function(buf, tree, pinfo, conv, state)
         end
         local len = buf(off + 6, 1):uint()
         local id = buf(off, 2):uint()
-        local name = len > 0 and buf(off + 7, len):string() or ""
+        local name = len > 0 and buf(off + 7, len):string(ENC_ASCII) or ""
         local sv = buf(off + 2, 1):uint() .. "." .. buf(off + 3, 1):uint()
         local item = tree:add(f.service, buf(off, 7 + len))
         item:append_text(": " .. hex(id, 4) .. " " .. name .. " " .. sv)
@@ -693,7 +696,9 @@ handlers[0xB102] = function(buf, tree, pinfo, conv, state)
         item:add(f.attribute, buf(off + 4, 1))
         item:add(f.access_control, buf(off + 5, 1))
         item:add(f.name_length, buf(off + 6, 1))
-        item:add(f.service_name, buf(off + 7, len), name)
+        -- An empty range at the end of the data is out of bounds: an empty name points
+        -- at its length byte.
+        item:add(f.service_name, len > 0 and buf(off + 7, len) or buf(off + 6, 1), name)
         if not pinfo.visited then
             local old = conv.services[id]
             if not (old and old.name == name) then conv.sbp[id] = nil end
@@ -782,7 +787,7 @@ local function dissect_message(tvb, pinfo, tree)
     item:add(f.type, tvb(0, 2))
     item:add(f.length, tvb(2, 2))
     local key = pinfo.number .. ":" .. tvb:offset() .. ":" .. len .. ":" .. mtype
-    local conv = conversation(pinfo)
+    local conv = conversation(pinfo, not pinfo.visited and mtype)
     if not pinfo.visited then pdus[key] = {} end
     local state = pdus[key] or {}
     local text

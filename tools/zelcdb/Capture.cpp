@@ -76,6 +76,14 @@ int listenOn(uint32_t address, uint16_t port, const std::string& url) {
     return fd;
 }
 
+// Closing with a reset: the other side sees what it would have seen without the relay, a
+// reset connection, which a client tries again where it would give up on an orderly close.
+void resetAndClose(int socket) {
+    linger abort{1, 0};
+    setsockopt(socket, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    ::close(socket);
+}
+
 bool sendAll(int socket, const uint8_t* bytes, size_t size) {
     while (size > 0) {
         ssize_t sent = send(socket, bytes, size, MSG_NOSIGNAL);
@@ -285,7 +293,7 @@ void CaptureRelay::accept() {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     if (connected < 0) {
-        ::close(accepted);
+        resetAndClose(accepted);
         return;
     }
     auto link = std::make_unique<Link>();
@@ -319,11 +327,13 @@ void CaptureRelay::forward(Link& link, int from) {
         shutdown(link.socket[1 - from], SHUT_WR);
         return;
     }
-    // A reset or a failed send ends both directions.
+    // A reset or a failed send ends both directions, and is passed on as a reset.
     for (int side = 0; side < 2; ++side) {
         if (link.open[side]) writer_.close(link.flow, side);
         link.open[side] = false;
     }
+    linger abort{1, 0};
+    setsockopt(link.socket[1 - from], SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
 }
 
 }  // namespace zelcdb
