@@ -1,12 +1,8 @@
 #!/usr/bin/env python3
-"""The Wireshark dissector (tools/wireshark/zelcdb.lua) under tshark: over the sessions that
-`zelcdb --capture` records against `zelcdb serve` (every command, 8100-byte payloads cut into
-segments, one connection after another), and over the CDB reader's and the SBP service's fuzz
-corpora turned into captures.
-
-    dissector_test.py --zelcdb PATH --source-dir DIR
-
-Exits 77, which ctest reports as skipped, when tshark is missing."""
+"""The Wireshark dissector (tools/wireshark/zelcdb.lua) under tshark, over what `zelcdb --capture`
+records against `zelcdb serve` (every command, 8100-byte payloads in segments, one connection
+after another), the demo captured live (as root) and the CDB reader's and SBP service's fuzz
+corpora as captures. Exits 77, which ctest reports as skipped, without tshark."""
 
 import argparse
 import json
@@ -24,7 +20,6 @@ import time
 SERVICE = "com.example.vehicle"
 REQUESTS = {0xB1, 0xB2, 0xB3, 0xB4, 0xB5}
 ANSWERS = {0xB6, 0xB9}
-PAYLOAD = 0xB105
 # Expert info of the dissector: none of these may show on a session zelcdb recorded.
 EXPERTS = ("zelcdb.unknown_type zelcdb.truncated zelcdb.surplus zelcdb.oversize "
            "zelcdb.bad_version zelcdb.undefined_response zelcdb.unknown_service zelcdb.internal "
@@ -52,17 +47,9 @@ def tshark(capture, *options):
 def frames(capture, *options):
     """One dict per frame: field name -> list of values (several messages share a frame)."""
     args = ["-2", "-T", "fields", "-E", "occurrence=a", "-E", "aggregator=\x1e", *options]
-    for name in FIELDS:
-        args += ["-e", name]
-    rows = []
-    for line in tshark(capture, *args).rstrip("\n").split("\n"):
-        values = [v.split("\x1e") if v else [] for v in line.split("\t")]
-        rows.append(dict(zip(FIELDS, values)))
-    return rows
-
-
-def number(text):
-    return int(text, 0)
+    out = tshark(capture, *args, *[a for name in FIELDS for a in ("-e", name)])
+    return [dict(zip(FIELDS, [v.split("\x1e") if v else [] for v in line.split("\t")]))
+            for line in out.rstrip("\n").split("\n")]
 
 
 def tcp_streams(path):
@@ -104,8 +91,7 @@ def write_pcap(path, conversations):
                 f.write(struct.pack("=IIII", n, 0, len(record), len(record)) + record)
                 seq[side] += len(payload) + (1 if flags & 0x03 else 0)
 
-            send(0, 0x02)
-            send(1, 0x12)
+            send(0, 0x02), send(1, 0x12)
             for side, segments in turns:
                 for segment in segments:
                     send(side, 0x18, segment)
@@ -131,9 +117,7 @@ def corpus(name):
 def reader_conversation(data):
     """The CDB reader's input: a byte saying how many segment lengths follow, those lengths,
     then the stream, which the client sends in segments of those lengths."""
-    if not data:
-        return []
-    count = (data[0] & 15) + 1
+    count = (data[0] & 15) + 1 if data else 0
     return [(0, cut(data[1 + count:], data[1:1 + count]))]
 
 
@@ -154,7 +138,7 @@ def sbp_conversation(data):
             continue
         size = (data[at] if at < len(data) else 0) or 64
         payload, at = data[at + 1:at + 1 + size], at + 1 + size
-        turns.append((op, [struct.pack("!HHHB", PAYLOAD, 3 + len(payload), 0x4001, 0) + payload]))
+        turns.append((op, [struct.pack("!HHHB", 0xB105, 3 + len(payload), 0x4001, 0) + payload]))
     return turns
 
 
@@ -184,18 +168,9 @@ class Serve:
             raise AssertionError("serve: " + self.process.stderr.read())
 
 
-def record_session(folder):
-    """Every command against serve, the demo's exchange among them (Gets of its five
-    elements, two Sets, a periodic and an on-change subscription, Alive); returns the values
-    zelcdb printed."""
-    serve = Serve(os.path.join(folder, "serve.pcap"))
-    try:
-        return exchange(serve, folder)
-    finally:
-        serve.stop()
-
-
 def exchange(serve, folder):
+    """Every command, the demo's exchange among them (Gets of its five elements, two Sets, a
+    periodic and an on-change subscription, Alive); returns the values zelcdb printed."""
     printed = serve.run("get", SERVICE, "vehicleSpeed", "outsideTemperature", "driverName",
                         "headlightsOn", "position", "tyrePressures", "recentDestinations", "vin",
                         "--capture", os.path.join(folder, "client.pcap"), "--elements",
@@ -221,32 +196,25 @@ def exchange(serve, folder):
 def check_session(capture, printed):
     """Every message framed as the bytes say, names resolved, requests answered, values as
     zelcdb printed them; returns (messages, SBP packets) checked."""
-    rows = frames(capture)
-    sent = {}
+    rows, sent, packets, decoded = frames(capture), {}, 0, []
     for row in rows:
         key = (row["ip.src"][0], int(row["tcp.srcport"][0]), row["ip.dst"][0],
                int(row["tcp.dstport"][0]))
-        sent.setdefault(key, []).extend(zip(map(number, row["zelcdb.type"]),
-                                            map(int, row["zelcdb.length"])))
+        found = list(zip([int(t, 0) for t in row["zelcdb.type"]], map(int, row["zelcdb.length"])))
+        sent[key] = sent.get(key, []) + found
         for expert in EXPERTS + ["_ws.malformed"]:
             assert not row[expert], (capture, row["frame.number"], row["_ws.expert.message"])
-    streams = tcp_streams(capture)
-    sent = {key: found for key, found in sent.items() if found}
-    assert sent == {key: cdb_messages(data) for key, data in streams.items() if data}, capture
-
-    messages = [m for found in sent.values() for m in found]
-    packets, decoded = 0, []
-    for row in rows:
-        named = [number(i) for i in row["zelcdb.service_id"] if number(i) != 0]
+        named = [i for i in row["zelcdb.service_id"] if int(i, 0) != 0]
         assert len(row["zelcdb.service_name"]) >= len(named), row
-        commands = [number(c) for c in row["zelsbp.command"]]
+        commands = [int(c, 0) for c in row["zelsbp.command"]]
         packets += len(commands)
         assert len(row["zelsbp.response_in"]) == len([c for c in commands if c in REQUESTS]), row
         assert len(row["zelsbp.request_in"]) == len([c for c in commands if c in ANSWERS]), row
         decoded += [json.loads(text) for text in row["zelsbp.text"]]
-    for value in printed:
-        assert value in decoded, (capture, value)
-    return len(messages), packets, rows
+    sent = {key: found for key, found in sent.items() if found}
+    assert sent == {k: cdb_messages(d) for k, d in tcp_streams(capture).items() if d}, capture
+    assert all(value in decoded for value in printed), (capture, printed, decoded)
+    return sum(map(len, sent.values())), packets, rows
 
 
 def live_demo(folder):
@@ -285,7 +253,11 @@ def main():
         print("SKIP: tshark is not installed (tools/install-deps.sh wireshark installs it)")
         return 77
     with tempfile.TemporaryDirectory() as folder:
-        printed = record_session(folder)
+        serve = Serve(os.path.join(folder, "serve.pcap"))
+        try:
+            printed = exchange(serve, folder)
+        finally:
+            serve.stop()
         serve = os.path.join(folder, "serve.pcap")
         messages, packets, rows = check_session(serve, printed)
         client = check_session(os.path.join(folder, "client.pcap"), printed[:8])

@@ -116,7 +116,8 @@ int main(int argc, char** argv) {
     std::string capturePath;
     app.add_option("--capture", capturePath,
                    "record the bytes exchanged with the peer in FILE, a pcap file with TCP "
-                   "framing for Wireshark (tools/wireshark/zelcdb.lua reads CDB and SBP in it)");
+                   "framing for Wireshark (tools/wireshark/zelcdb.lua reads CDB and SBP in it)")
+        ->type_name("FILE");
 
     ServeArgs serve;
     CLI::App* serveCommand = app.add_subcommand(
@@ -217,6 +218,10 @@ int main(int argc, char** argv) {
     // CLI11 would only say that a command is missing.
     const CLI::App* chosen = nullptr;
     for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--capture") {  // its FILE is no command
+            ++i;
+            continue;
+        }
         if (argv[i][0] == '-') continue;
         std::string list;
         for (const CLI::App* command : app.get_subcommands({})) {
@@ -277,8 +282,12 @@ int main(int argc, char** argv) {
             console::message(failure.what());
             return failure.exitCode();
         }
-        serve.shownUrl = url;
-        url = capture->endpointUrl();
+        if (connect) {
+            connect->endpointUrl = capture->endpointUrl();
+        } else {
+            serve.shownUrl = url;
+            url = capture->endpointUrl();
+        }
     }
     auto run = [&]() -> int {
         try {
