@@ -503,7 +503,6 @@ local function sbp_header(buf)
         packet_id = buf(9, 2):uint(), value = buf(11, 4):uint(),
     }
     if n - 5 < p.length then return nil, "length field beyond the data" end
-    if p.length < 11 then return nil, "length field too small" end
     if buf(4 + p.length, 1):uint() ~= kEndMarker then return nil, "no end marker" end
     return p
 end
