@@ -27,6 +27,7 @@ EXPERTS = ("zelcdb.unknown_type zelcdb.truncated zelcdb.surplus zelcdb.oversize 
            "zelsbp.unanswered zelsbp.refused zelsbp.bad_value zelsbp.empty_container").split()
 FIELDS = ["frame.number", "ip.src", "tcp.srcport", "ip.dst", "tcp.dstport", "zelcdb.type",
           "zelcdb.length", "zelcdb.service_id", "zelcdb.service_name", "zelcdb.data_length",
+          "zelcdb.sbp",
           "zelsbp.command", "zelsbp.request_in", "zelsbp.response_in", "zelsbp.text",
           "_ws.expert.message", "_ws.malformed"] + EXPERTS
 ARGS = None
@@ -208,6 +209,7 @@ def check_session(capture, printed):
         assert len(row["zelcdb.service_name"]) >= len(named), row
         commands = [int(c, 0) for c in row["zelsbp.command"]]
         packets += len(commands)
+        assert row["zelcdb.sbp"].count("1") == len(commands), row  # the echo service's are 0
         assert len(row["zelsbp.response_in"]) == len([c for c in commands if c in REQUESTS]), row
         assert len(row["zelsbp.request_in"]) == len([c for c in commands if c in ANSWERS]), row
         decoded += [json.loads(text) for text in row["zelsbp.text"]]

@@ -616,8 +616,8 @@ local function dissect_sbp(buf, pinfo, tree, conv, service, key)
     end
 
     -- Links between requests and answers, found on the first pass.
-    if not pinfo.visited then pdus[key].sbp = track(conv, service, p, pinfo) end
-    local link = pdus[key] and pdus[key].sbp or {}
+    if not pinfo.visited then pdus[key].link = track(conv, service, p, pinfo) end
+    local link = pdus[key] and pdus[key].link or {}
     if link.request then
         local rec = link.request
         if rec.response_in then
