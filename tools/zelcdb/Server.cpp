@@ -447,7 +447,8 @@ int Server::run() {
             throw Failure(kExitConnection, "cannot listen on " + args_.url + ": " +
                                                (detail.empty() ? errorText(event->error) : detail));
         } else if (!reportedRefusal) {
-            console::message("cannot connect to " + args_.url + " (" + detail +
+            console::message("cannot connect to " +
+                             (args_.shownUrl.empty() ? args_.url : args_.shownUrl) + " (" + detail +
                              "); trying again every second");
             reportedRefusal = true;
         }
