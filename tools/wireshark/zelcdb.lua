@@ -170,41 +170,44 @@ end
 cdb.fields = field_list(f)
 sbp.fields = field_list(s)
 
+local function expert_info(abbr, text, group, severity)
+    return ProtoExpert.new(abbr, text, expert.group[group], expert.severity[severity])
+end
+local kEnds = ": the receiver ends the session"
 local e = {
-    unknown_type = ProtoExpert.new("zelcdb.unknown_type", "Unknown message type: the receiver ends the session",
-                                   expert.group.MALFORMED, expert.severity.ERROR),
-    truncated = ProtoExpert.new("zelcdb.truncated", "Length too short for the message's fields: the receiver ends the session",
-                                expert.group.MALFORMED, expert.severity.ERROR),
-    surplus = ProtoExpert.new("zelcdb.surplus", "Length longer than the message's fields: the receiver skips the rest",
-                              expert.group.PROTOCOL, expert.severity.WARN),
-    oversize = ProtoExpert.new("zelcdb.oversize", "Service data over 8100 bytes: the receiver discards it",
-                               expert.group.PROTOCOL, expert.severity.WARN),
-    version = ProtoExpert.new("zelcdb.bad_version", "CDB version other than 1.1: the receiver refuses it",
-                              expert.group.PROTOCOL, expert.severity.WARN),
-    undefined = ProtoExpert.new("zelcdb.undefined_response", "Undefined response code: the receiver ends the session",
-                                expert.group.PROTOCOL, expert.severity.ERROR),
-    unknown_service = ProtoExpert.new("zelcdb.unknown_service", "Service not announced in this capture",
-                                      expert.group.SEQUENCE, expert.severity.NOTE),
-    internal = ProtoExpert.new("zelcdb.internal", "Dissector fault",
-                               expert.group.UNDECODED, expert.severity.ERROR),
+    unknown_type = expert_info("zelcdb.unknown_type", "Unknown message type" .. kEnds,
+                               "MALFORMED", "ERROR"),
+    truncated = expert_info("zelcdb.truncated", "Length too short for the message's fields" .. kEnds,
+                            "MALFORMED", "ERROR"),
+    surplus = expert_info("zelcdb.surplus",
+                          "Length longer than the message's fields: the receiver skips the rest",
+                          "PROTOCOL", "WARN"),
+    oversize = expert_info("zelcdb.oversize", "Service data over 8100 bytes: the receiver discards it",
+                           "PROTOCOL", "WARN"),
+    version = expert_info("zelcdb.bad_version", "CDB version other than 1.1: the receiver refuses it",
+                          "PROTOCOL", "WARN"),
+    undefined = expert_info("zelcdb.undefined_response", "Undefined response code" .. kEnds,
+                            "PROTOCOL", "ERROR"),
+    unknown_service = expert_info("zelcdb.unknown_service", "Service not announced in this capture",
+                                  "SEQUENCE", "NOTE"),
+    internal = expert_info("zelcdb.internal", "Dissector fault", "UNDECODED", "ERROR"),
 }
 local x = {
-    malformed = ProtoExpert.new("zelsbp.malformed", "Malformed SBP packet",
-                                expert.group.MALFORMED, expert.severity.ERROR),
-    excess = ProtoExpert.new("zelsbp.excess", "Data after the SBP packet: the receiver ignores it",
-                             expert.group.PROTOCOL, expert.severity.WARN),
-    unknown_command = ProtoExpert.new("zelsbp.unknown_command", "Unknown SBP command",
-                                      expert.group.PROTOCOL, expert.severity.ERROR),
-    no_request = ProtoExpert.new("zelsbp.no_request", "Answer to no request in the capture",
-                                 expert.group.SEQUENCE, expert.severity.WARN),
-    unanswered = ProtoExpert.new("zelsbp.unanswered", "Request never answered in the capture",
-                                 expert.group.SEQUENCE, expert.severity.WARN),
-    refused = ProtoExpert.new("zelsbp.refused", "Request refused",
-                              expert.group.RESPONSE_CODE, expert.severity.NOTE),
-    bad_value = ProtoExpert.new("zelsbp.bad_value", "Malformed SBP value",
-                                expert.group.MALFORMED, expert.severity.ERROR),
-    quirk = ProtoExpert.new("zelsbp.empty_container", "Empty container inside a container: the library's reader counts it one short and fails",
-                            expert.group.PROTOCOL, expert.severity.WARN),
+    malformed = expert_info("zelsbp.malformed", "Malformed SBP packet", "MALFORMED", "ERROR"),
+    excess = expert_info("zelsbp.excess", "Data after the SBP packet: the receiver ignores it",
+                         "PROTOCOL", "WARN"),
+    unknown_command = expert_info("zelsbp.unknown_command", "Unknown SBP command", "PROTOCOL", "ERROR"),
+    no_request = expert_info("zelsbp.no_request", "Answer to no request in the capture", "SEQUENCE",
+                             "WARN"),
+    unanswered = expert_info("zelsbp.unanswered", "Request never answered in the capture",
+                             "SEQUENCE", "WARN"),
+    refused = expert_info("zelsbp.refused", "Request refused", "RESPONSE_CODE", "NOTE"),
+    bad_value = expert_info("zelsbp.bad_value", "Malformed SBP value", "MALFORMED", "ERROR"),
+    -- The library's reader does not count an empty structure or array as a child of the
+    -- container around it, so it waits for one child more and fails on what follows.
+    quirk = expert_info("zelsbp.empty_container",
+                        "Empty container inside a container: the library's reader fails on it",
+                        "PROTOCOL", "WARN"),
 }
 cdb.experts = field_list(e)
 sbp.experts = field_list(x)
@@ -292,7 +295,8 @@ local function uid_text(uid) return element_names[uid] or hex(uid, 8) end
 
 local function json_string(text)
     return '"' .. text:gsub('[%c"\\]', function(c)
-        local named = {['"'] = '\\"', ['\\'] = '\\\\', ['\n'] = '\\n', ['\r'] = '\\r', ['\t'] = '\\t'}
+        local named = {['"'] = '\\"', ['\\'] = '\\\\', ['\n'] = '\\n', ['\r'] = '\\r',
+                       ['\t'] = '\\t'}
         return named[c] or string.format("\\u%04x", c:byte())
     end) .. '"'
 end
@@ -647,11 +651,6 @@ end
 
 ---------------------------------------------------------------------------------------------
 -- CDB messages
-
-local function service_text(conv_services, id)
-    local svc = conv_services[id]
-    return hex(id, 4) .. (svc and (" " .. svc.name) or "")
-end
 
 -- Adds the service's name as announced, and returns "0x4001 name".
 local function add_service(tree, buf, pdu_state, id)
