@@ -9,6 +9,7 @@
 #     docs      build, plus doxygen for the API reference
 #     package   build, plus what the Debian packages and their checks need
 #     consumer  build, plus pkg-config for the consumer test
+#     wireshark tshark, for the dissector's tests on captured sessions
 # Each need is checked by what it provides (a command, a header), so a machine that has the
 # tools from elsewhere installs nothing, and one without apt-get is fine as long as nothing
 # is missing. ZEL_NO_INSTALL=1 skips everything.
@@ -27,6 +28,7 @@ declare -A probe=(
   [clang]=cmd:clang [libclang-rt-14-dev]=file:/usr/lib/llvm-14/lib/clang/14*/lib/linux/libclang_rt.fuzzer-*.a
   [clang-format]=cmd:clang-format [git]=cmd:git [doxygen]=cmd:doxygen [lintian]=cmd:lintian
   [dpkg-dev]=cmd:dpkg-shlibdeps [file]=cmd:file [pkg-config]=cmd:pkg-config
+  [tshark]=cmd:tshark
 )
 build=(cmake ninja-build g++ python3 libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev)
 
@@ -52,7 +54,8 @@ for job in "$@"; do
     docs) wanted+=("${build[@]}" doxygen) ;;
     package) wanted+=("${build[@]}" doxygen lintian dpkg-dev file pkg-config) ;;
     consumer) wanted+=("${build[@]}" pkg-config) ;;
-    *) echo "install-deps: unknown job '$job' (build arm bench fuzz format docs package consumer)" >&2
+    wireshark) wanted+=(tshark) ;;
+    *) echo "install-deps: unknown job '$job' (build arm bench fuzz format docs package consumer wireshark)" >&2
        exit 2 ;;
   esac
 done
@@ -71,5 +74,11 @@ echo "installing: ${need[*]}"
 sudo_cmd=""
 [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
 export DEBIAN_FRONTEND=noninteractive
+# tshark asks whether non-root users may capture; answer no beforehand so the install never
+# stops at a prompt (the tests read files, they capture nothing live as non-root).
+if [[ " ${need[*]} " == *" tshark "* ]]; then
+  echo "wireshark-common wireshark-common/install-setuid boolean false" |
+    $sudo_cmd debconf-set-selections
+fi
 $sudo_cmd apt-get update -qq || true
 $sudo_cmd apt-get install -y -qq --no-install-recommends "${need[@]}"

@@ -407,7 +407,8 @@ int Server::run() {
                      "." + std::to_string(service_.versionMinor) + " (" +
                      std::to_string(file_.elements.size()) + " elements" +
                      (args_.echo.empty() ? "" : ", echo service " + args_.echo) + ") " +
-                     (args_.client ? "to " : "on ") + args_.url + "; Ctrl-C to stop");
+                     (args_.client ? "to " : "on ") +
+                     (args_.shownUrl.empty() ? args_.url : args_.shownUrl) + "; Ctrl-C to stop");
     std::optional<Clock::time_point> reconnectAt;
     bool reportedRefusal = false;
     for (;;) {
@@ -446,7 +447,8 @@ int Server::run() {
             throw Failure(kExitConnection, "cannot listen on " + args_.url + ": " +
                                                (detail.empty() ? errorText(event->error) : detail));
         } else if (!reportedRefusal) {
-            console::message("cannot connect to " + args_.url + " (" + detail +
+            console::message("cannot connect to " +
+                             (args_.shownUrl.empty() ? args_.url : args_.shownUrl) + " (" + detail +
                              "); trying again every second");
             reportedRefusal = true;
         }

@@ -88,7 +88,8 @@ Session::Session(ConnectOptions options) : options_(std::move(options)) {
     checkUrl(options_.url);
     requireEndpoints();
     ZELCDBEndpointParameters parameters{};
-    parameters.url = options_.url.c_str();
+    parameters.url =
+        options_.endpointUrl.empty() ? options_.url.c_str() : options_.endpointUrl.c_str();
     parameters.mode = options_.waitForPeer ? ZELCDBEndpointModeServer : ZELCDBEndpointModeClient;
     parameters.context = this;
     parameters.versionMajor = 1;  // CDB 1.1, the only version peers speak

@@ -21,6 +21,9 @@ struct ConnectOptions {
     // --timeout was given: it then also limits the waits that otherwise last until Ctrl-C
     // (a peer to connect with waitForPeer, the next update or payload).
     bool timeoutGiven = false;
+    // The URL the endpoint itself uses when it differs from url (a --capture relay's); the
+    // user is always told about url.
+    std::string endpointUrl;
 };
 
 struct PeerService {

@@ -5,10 +5,12 @@
 #include <cctype>
 #include <climits>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Capture.h"
 #include "ClientCommands.h"
 #include "Console.h"
 #include "Failure.h"
@@ -111,6 +113,11 @@ int main(int argc, char** argv) {
     app.add_flag("-v,--verbose", verbosity,
                  "show the library's log: -v errors, warnings and information, -vv all");
     app.set_version_flag("--version", versionText, "the version of zelcdb's library");
+    std::string capturePath;
+    app.add_option("--capture", capturePath,
+                   "record the bytes exchanged with the peer in FILE, a pcap file with TCP "
+                   "framing for Wireshark (tools/wireshark/zelcdb.lua reads CDB and SBP in it)")
+        ->type_name("FILE");
 
     ServeArgs serve;
     CLI::App* serveCommand = app.add_subcommand(
@@ -211,6 +218,10 @@ int main(int argc, char** argv) {
     // CLI11 would only say that a command is missing.
     const CLI::App* chosen = nullptr;
     for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--capture") {  // its FILE is no command
+            ++i;
+            continue;
+        }
         if (argv[i][0] == '-') continue;
         std::string list;
         for (const CLI::App* command : app.get_subcommands({})) {
@@ -249,6 +260,35 @@ int main(int argc, char** argv) {
 
     console::setVerbosity(verbosity);
     watchInterrupts();
+    // Created after watchInterrupts() so that its thread leaves the signals to that one.
+    std::unique_ptr<CaptureRelay> capture;
+    if (!capturePath.empty()) {
+        ConnectOptions* connect = nullptr;
+        for (auto [command, options] : {std::pair{servicesCommand, &servicesConnect},
+                                        {getCommand, &getService.connect},
+                                        {setCommand, &setService.connect},
+                                        {subscribeCommand, &subscribeService.connect},
+                                        {aliveCommand, &aliveService.connect},
+                                        {sendCommand, &sendService.connect},
+                                        {listenCommand, &listenService.connect}}) {
+            if (*command) connect = options;
+        }
+        std::string& url = connect ? connect->url : serve.url;
+        bool peerConnects = connect ? connect->waitForPeer : !serve.client;
+        try {
+            checkUrl(url);
+            capture = std::make_unique<CaptureRelay>(capturePath, url, peerConnects);
+        } catch (const Failure& failure) {
+            console::message(failure.what());
+            return failure.exitCode();
+        }
+        if (connect) {
+            connect->endpointUrl = capture->endpointUrl();
+        } else {
+            serve.shownUrl = url;
+            url = capture->endpointUrl();
+        }
+    }
     auto run = [&]() -> int {
         try {
             if (*serveCommand) return runServe(serve);
