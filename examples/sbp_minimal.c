@@ -1,10 +1,10 @@
-/* An application built from the installed header and library alone, as an integrator's
- * would be: a server endpoint offers an SBP source with one element, "answer" (42), a
- * client endpoint of the same process finds the service by name, starts it, and gets that
- * element and one the source does not have. Every protocol value comes from the header by
- * name; run.sh refuses a hexadecimal literal here.
+/* The smallest SBP application linked against the library, built from the installed header
+ * and library alone, as an integrator's would be: a server endpoint offers an SBP source with one
+ * element, "answer" (42), a client endpoint of the same process finds the service by name, starts
+ * it, and gets that element and one the source does not have. Every protocol value comes from the
+ * header by name; tests/consumer/run.sh refuses a hexadecimal literal here.
  *
- *   consumer EXPECTED-VERSION       exit 0 when both Gets ended as they should */
+ *   sbp_minimal EXPECTED-VERSION    exit 0 when both Gets ended as they should */
 #define _POSIX_C_SOURCE 200809L
 
 #include <netinet/in.h>
@@ -34,16 +34,16 @@ static uint32_t sbpResult;
 
 /* ---- The server's source ------------------------------------------------------------ */
 
-static int32_t sourceStart(ZELCDBEndpoint* e, void* ec, uint16_t s, void* c, uint8_t ma,
+static int32_t sourceStart(ZELCDBEndpoint *e, void *ec, uint16_t s, void *c, uint8_t ma,
                            uint8_t mi) {
     (void)e, (void)ec, (void)s, (void)c, (void)ma, (void)mi;
     return 0;
 }
 
-static ZELCDBError sourceGet(ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t command, uint32_t uid,
-                             uint32_t* result) {
-    ZELSBPSerializer* serializer;
-    const uint8_t* data;
+static ZELCDBError sourceGet(ZELCDBEndpoint *e, uint16_t s, void *c, uint32_t command, uint32_t uid,
+                             uint32_t *result) {
+    ZELSBPSerializer *serializer;
+    const uint8_t *data;
     uint32_t size;
     (void)c;
     if (uid != answerUid) return ZELCDBErrorFailed; /* answered ZELSBPResultFailed */
@@ -58,15 +58,15 @@ static ZELCDBError sourceGet(ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t co
 
 /* ---- The client's sink ---------------------------------------------------------------- */
 
-static void readInt(ZELSBPDeserializer* d, void* c, void* u, uint32_t uid, int32_t v) {
+static void readInt(ZELSBPDeserializer *d, void *c, void *u, uint32_t uid, int32_t v) {
     (void)d, (void)c, (void)u;
     if (uid == answerUid) NOTE(value = v);
 }
 
-static void sinkData(ZELCDBEndpoint* e, uint16_t s, void* c, void* r, uint32_t command,
-                     uint32_t uid, const uint8_t* payload, int32_t size) {
+static void sinkData(ZELCDBEndpoint *e, uint16_t s, void *c, void *r, uint32_t command,
+                     uint32_t uid, const uint8_t *payload, int32_t size) {
     ZELSBPDeserializerCallbacks callbacks = {0};
-    ZELSBPDeserializer* d;
+    ZELSBPDeserializer *d;
     (void)e, (void)s, (void)c, (void)r, (void)uid;
     if (command != ZELSBPCommandGet) return;
     callbacks.intCallback = readInt;
@@ -75,21 +75,21 @@ static void sinkData(ZELCDBEndpoint* e, uint16_t s, void* c, void* r, uint32_t c
     sdk.deserializerDestroy(d);
 }
 
-static void sinkError(ZELCDBEndpoint* e, uint16_t s, void* c, void* r, uint32_t command,
+static void sinkError(ZELCDBEndpoint *e, uint16_t s, void *c, void *r, uint32_t command,
                       uint32_t uid, ZELCDBError err, uint32_t result) {
     (void)e, (void)s, (void)c, (void)r, (void)command;
     if (uid == questionUid) NOTE((error = err, sbpResult = result));
 }
 
-static void sinkStatus(ZELCDBEndpoint* e, void* ec, uint16_t s, void* c, uint16_t status) {
+static void sinkStatus(ZELCDBEndpoint *e, void *ec, uint16_t s, void *c, uint16_t status) {
     (void)ec, (void)c;
     if (status != ZELCDBServiceResponseStarted) return;
     sdk.sinkSendGet(e, s, NULL, answerUid);
     sdk.sinkSendGet(e, s, NULL, questionUid);
 }
 
-static void servicesAdded(ZELCDBEndpoint* e, void* ec, uint8_t ma, uint8_t mi,
-                          const ZELCDBService* services, uint32_t size, uint32_t count) {
+static void servicesAdded(ZELCDBEndpoint *e, void *ec, uint8_t ma, uint8_t mi,
+                          const ZELCDBService *services, uint32_t size, uint32_t count) {
     static ZELSBPSinkCallbacks sink;
     uint32_t i;
     (void)ec, (void)ma, (void)mi;
@@ -97,14 +97,14 @@ static void servicesAdded(ZELCDBEndpoint* e, void* ec, uint8_t ma, uint8_t mi,
     sink.dataCallback = sinkData;
     sink.errorCallback = sinkError;
     for (i = 0; i < count; ++i) {
-        const ZELCDBService* s = (const ZELCDBService*)((const char*)services + i * size);
+        const ZELCDBService *s = (const ZELCDBService *)((const char *)services + i * size);
         if (strcmp(s->name, "com.example.consumer") != 0) continue;
         sdk.sinkCreate(e, NULL, s->serviceId, &sink, sizeof sink);
         sdk.endpointSendStartService(e, s->serviceId);
     }
 }
 
-static void clientStatus(ZELCDBEndpoint* e, void* ec, int32_t status, ZELCDBError err) {
+static void clientStatus(ZELCDBEndpoint *e, void *ec, int32_t status, ZELCDBError err) {
     (void)e, (void)ec, (void)err;
     if (status == ZELCDBStatusStopping) NOTE(++ended);
 }
@@ -118,21 +118,21 @@ static int freePort(void) {
     memset(&address, 0, sizeof address);
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, (struct sockaddr*)&address, sizeof address);
-    getsockname(fd, (struct sockaddr*)&address, &length);
+    bind(fd, (struct sockaddr *)&address, sizeof address);
+    getsockname(fd, (struct sockaddr *)&address, &length);
     port = ntohs(address.sin_port);
     close(fd);
     return port;
 }
 
-static ZELCDBEndpoint* endpoint(const char* url, int32_t mode, ZELCDBEndpointCallbacks* cb) {
+static ZELCDBEndpoint *endpoint(const char *url, int32_t mode, ZELCDBEndpointCallbacks *cb) {
     ZELCDBEndpointParameters parameters = {url, mode, NULL, 1, 1};
-    ZELCDBEndpoint* e = NULL;
+    ZELCDBEndpoint *e = NULL;
     sdk.endpointCreate(&e, &parameters, sizeof parameters, cb, sizeof *cb);
     return e;
 }
 
-int main(int argc, char** argv) {
+int main(int argc, char **argv) {
     char version[64], url[64];
     ZELCDBEndpointCallbacks serverCallbacks = {0}, clientCallbacks = {0};
     ZELSBPSourceCallbacks source = {0};
@@ -145,7 +145,7 @@ int main(int argc, char** argv) {
     snprintf(version, sizeof version, "%u.%u.%u", (unsigned)sdk.versionMajor,
              (unsigned)sdk.versionMinor, (unsigned)sdk.versionPatch);
     if (argc < 2 || strcmp(argv[1], version) != 0) {
-        printf("consumer: the library is %s, the package says %s\n", version,
+        printf("sbp_minimal: the library is %s, the package says %s\n", version,
                argc < 2 ? "nothing" : argv[1]);
         return 1;
     }
@@ -179,7 +179,7 @@ int main(int argc, char** argv) {
     ok = value == 42 && error == ZELCDBErrorRemoteSBPError && sbpResult == ZELSBPResultFailed;
     pthread_mutex_unlock(&mutex);
 
-    printf("consumer: library %s.%u, answer %d, question %s/%#x: %s\n", version,
+    printf("sbp_minimal: library %s.%u, answer %d, question %s/%#x: %s\n", version,
            (unsigned)sdk.versionBuild, value, sdk.getErrorName(error), (unsigned)sbpResult,
            ok ? "ok" : "FAILED");
     sdk.endpointDestroy(client);
