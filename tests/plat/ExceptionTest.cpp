@@ -80,6 +80,7 @@ TEST(Assert, SourceNameIsProjectRelativeWithoutExtension) {
         {"/home/ci/libs/zel/libs/rdr/InStream.cpp", 128, "libs/rdr/InStream"},
         {"/home/ci/src/zel/tests/plat/ExceptionTest.cpp", 128, "tests/plat/ExceptionTest"},
         {"Local.cpp", 128, "Local"},
+        {"/src/Thing.cpp", 128, "src/Thing"},          // a root at the very start
         {"/w/src/v1.2/Thing", 128, "src/v1.2/Thing"},  // a dot in a folder is no extension
         {"/w/libs/plat/TimerManager.cpp", 10, "libs/plat"},
     };
