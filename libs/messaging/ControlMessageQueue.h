@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <exception>
 #include <memory>
 
@@ -36,8 +35,11 @@ public:
         virtual void run() = 0;
     };
 
-    // A queue entry. service(perform) performs the message only when perform is true (false
-    // discards it) and returns the action's result, 0 when not performed.
+    class Slot;
+
+    // A queue entry, linked into the queue through next_. service(perform) performs the
+    // message only when perform is true (false discards it) and returns the action's result,
+    // 0 when not performed.
     class QueuedMessage {
     public:
         explicit QueuedMessage(ControlMessage* message) : message_(message) {}
@@ -45,19 +47,16 @@ public:
         QueuedMessage(const QueuedMessage&) = delete;
         QueuedMessage& operator=(const QueuedMessage&) = delete;
         virtual int service(bool perform);
+        // The queue's own storage behind an asynchronous entry, to be reused once serviced;
+        // null for an entry that belongs to its poster.
+        virtual Slot* slot() { return nullptr; }
 
     protected:
         ControlMessage* message_;
-    };
 
-    // Owns its (cloned) message; service() deletes the entry and the message, also when the
-    // action throws.
-    class QueuedMessageActionedAsynchronously : public QueuedMessage {
-    public:
-        explicit QueuedMessageActionedAsynchronously(ControlMessage* message)
-            : QueuedMessage(message) {}
-        ~QueuedMessageActionedAsynchronously() override;
-        int service(bool perform) override;
+    private:
+        friend class ControlMessageQueue;
+        QueuedMessage* next_ = nullptr;  // guarded by queueMutex_
     };
 
     // Lives on the posting thread's stack and borrows the message. service() hands the
@@ -115,13 +114,24 @@ public:
 
     // Takes ownership of a heap message (null is ignored). While running, it is queued and
     // performed on the servicing thread. Otherwise it is performed at once on the calling
-    // thread and deleted; an exception from its action propagates to the caller.
+    // thread and deleted; an exception from its action propagates to the caller. Throws
+    // std::bad_alloc, the message deleted and nothing queued, when the queue has to grow
+    // and cannot.
     void postAsynchronously(ControlMessage* message);
+    // The same for a message that stays the caller's: while running, its copy (copyInto())
+    // is queued, in storage the queue keeps for the next message once the copy has been
+    // performed; a message whose copySize() is 0 queues nothing. Not running: performed at
+    // once on the calling thread. Storage is allocated only when more messages are queued
+    // at once than ever before since the start (or one is larger than every free slot):
+    // steady traffic allocates nothing. Throws std::bad_alloc, queueing nothing, when that
+    // allocation fails.
+    void postCopy(ControlMessage& message);
     // postAsynchronously() for the servicing thread itself, whose event loop asks
     // hasUnsignalledMessages() before it waits: the message is queued without a wake-up
     // byte, since nobody waits for one, and saves the loop a write and a read. Only for a
     // loop that asks; on any other thread use postAsynchronously().
     void postFromServicer(ControlMessage* message);
+    void postCopyFromServicer(ControlMessage& message);
     // True when messages queued by postFromServicer() have not been serviced yet; the loop
     // then services the queue without waiting, as it would for a readable descriptor.
     // Servicing thread only.
@@ -195,9 +205,17 @@ protected:
 private:
     enum State : int { kRunning = 0, kStopped = 1, kJoined = 2 };
 
-    // Queues an owned message; signal writes its wake-up byte. Called with queueMutex_ held
-    // while running.
-    void enqueue(std::unique_ptr<ControlMessage>& message, bool signal);
+    // Queues a copy of message in a slot; signal writes its wake-up byte. Called with
+    // queueMutex_ held while running. Throws std::bad_alloc, queueing nothing.
+    void enqueue(const ControlMessage& message, bool signal);
+    void push(QueuedMessage* entry);
+    QueuedMessage* pop();
+    // A free slot of at least size bytes, or a new one. Throws std::bad_alloc, changing
+    // nothing.
+    Slot* takeSlot(size_t size);
+    void returnSlot(Slot* slot);
+    // Frees the free slots: a stopped queue holds no storage for messages.
+    void releaseSlots();
 
     Servicer* servicer_;
     MutexFactory* factory_ = nullptr;
@@ -207,7 +225,11 @@ private:
     Condition* postersGone_ = nullptr;     // signalled when syncPosters_ drops to 0
     // State below is protected by queueMutex_.
     int state_ = kStopped;
-    std::deque<QueuedMessage*> queue_;
+    QueuedMessage* head_ = nullptr;  // the queue: performed from head_, posted behind tail_
+    QueuedMessage* tail_ = nullptr;
+    size_t queued_ = 0;
+    Slot* freeSlots_ = nullptr;  // serviced slots kept for the next messages
+    size_t freeBytes_ = 0;       // their capacity
     int syncPosters_ = 0;  // posters between queueing their entry and returning
     // Wake-up bytes written and not yet read back: serviceMessages() reads only while some
     // are owed, so an empty pipe is never asked. A byte whose write failed (pipe full) is

@@ -56,9 +56,13 @@ private:
 };
 
 // Nothing to perform: its only effect is the wake-up byte that queueing it writes.
-class WakeMessage : public messaging::ControlMessage {
+class WakeMessage final : public messaging::ControlMessage {
 public:
     int action() override { return 0; }
+    size_t copySize() const override { return sizeof(WakeMessage); }
+    messaging::ControlMessage* copyInto(void* storage) const override {
+        return new (storage) WakeMessage;
+    }
 };
 
 }  // namespace
@@ -193,9 +197,9 @@ void ZELCDBEndpoint::post(Message& message) {
         // queue before it next waits (and what is left when the thread ends is performed
         // then).
         if (onEndpointThread()) {
-            queue_.postFromServicer(message.clone());
+            queue_.postCopyFromServicer(message);
         } else {
-            queue_.postAsynchronously(message.clone());
+            queue_.postCopy(message);
         }
         return;
     }
@@ -207,7 +211,8 @@ void ZELCDBEndpoint::post(Message& message) {
 }
 
 void ZELCDBEndpoint::wakeLoop() {
-    queue_.postAsynchronously(new WakeMessage);
+    WakeMessage message;
+    queue_.postCopy(message);
 }
 
 CDBSession* ZELCDBEndpoint::session() {

@@ -76,8 +76,9 @@ public:
 
     // The dispatch rule of every control message, from any thread. While running: performed
     // at once on the endpoint thread when its kind allows it (kind 1 outside callbacks),
-    // otherwise cloned and queued. Not running: performed at once on the calling thread, any
-    // exception swallowed. Throws std::bad_alloc when the clone cannot be queued.
+    // otherwise copied into the queue's storage and queued. Not running: performed at once on
+    // the calling thread, any exception swallowed. Throws std::bad_alloc when the queue has
+    // to grow for the copy and cannot.
     void post(zelcdbsdk::ControlMessages::Message& message);
 
     // The running test: the queue's state, read under its mutex.
