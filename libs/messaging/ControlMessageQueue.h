@@ -230,7 +230,7 @@ private:
     size_t queued_ = 0;
     Slot* freeSlots_ = nullptr;  // serviced slots kept for the next messages
     size_t freeBytes_ = 0;       // their capacity
-    int syncPosters_ = 0;  // posters between queueing their entry and returning
+    int syncPosters_ = 0;        // posters between queueing their entry and returning
     // Wake-up bytes written and not yet read back: serviceMessages() reads only while some
     // are owed, so an empty pipe is never asked. A byte whose write failed (pipe full) is
     // counted too; the read that finds nothing then sets the count back to 0.

@@ -155,7 +155,9 @@ public:
 
     size_t copySize() const override {
         return std::apply(
-            [](const auto&... args) { return sizeof(Call) + (size_t{0} + ... + detail::bytesOf(args)); },
+            [](const auto&... args) {
+                return sizeof(Call) + (size_t{0} + ... + detail::bytesOf(args));
+            },
             args_);
     }
 
@@ -163,8 +165,7 @@ public:
         static_assert(alignof(Call) <= alignof(std::max_align_t), "queue storage alignment");
         Call* copy = new (storage) Call(*this);
         uint8_t* bytes = static_cast<uint8_t*>(storage) + sizeof(Call);
-        std::apply([&bytes](auto&... args) { (detail::copyBytes(args, bytes), ...); },
-                   copy->args_);
+        std::apply([&bytes](auto&... args) { (detail::copyBytes(args, bytes), ...); }, copy->args_);
         return copy;
     }
 
@@ -184,13 +185,11 @@ using SendServiceResponseMessage =
     Call<ToSession, &CDBSession::sendServiceResponse, uint16_t, uint16_t>;
 // Attaches a sink handler to a peer service. A handler that never reaches the session is
 // freed with the last message that carried it.
-using AddSinkMessage =
-    Call<ToSession, &CDBSession::addSink, uint16_t, CDBService::HandlerRef>;
+using AddSinkMessage = Call<ToSession, &CDBSession::addSink, uint16_t, CDBService::HandlerRef>;
 
 // The SBP sink's commands: (peer service ID, then the method's arguments).
 using SBPSendGetMessage = Call<ToSink, &ZELSBPSink::sendGet, uint16_t, void*, uint32_t>;
-using SBPSendSetMessage =
-    Call<ToSink, &ZELSBPSink::sendSet, uint16_t, void*, uint32_t, ByteView>;
+using SBPSendSetMessage = Call<ToSink, &ZELSBPSink::sendSet, uint16_t, void*, uint32_t, ByteView>;
 using SBPSendSubscribeMessage =
     Call<ToSink, &ZELSBPSink::sendSubscribe, uint16_t, void*, uint32_t, uint32_t, uint32_t>;
 using SBPSendCancelMessage =
@@ -202,14 +201,14 @@ using SBPSendServiceAuthResponseMessage =
 
 // The SBP source's answers: (local service ID, then the method's arguments). The source
 // finds the request by (command, uid); the entries' request context is not carried.
-using SBPSendGetResponseMessage = Call<ToSource, &ZELSBPSource::sendGetResponse, uint16_t,
-                                       uint32_t, uint32_t, uint32_t, ByteView>;
+using SBPSendGetResponseMessage = Call<ToSource, &ZELSBPSource::sendGetResponse, uint16_t, uint32_t,
+                                       uint32_t, uint32_t, ByteView>;
 using SBPSendSetResponseMessage =
     Call<ToSource, &ZELSBPSource::sendSetResponse, uint16_t, uint32_t, uint32_t>;
 using SBPSendSubscribeResponseMessage =
     Call<ToSource, &ZELSBPSource::sendSubscribeResponse, uint16_t, uint32_t, uint32_t>;
-using SBPSendServiceAuthChallengeMessage = Call<ToSource, &ZELSBPSource::sendServiceAuthChallenge,
-                                                uint16_t, uint32_t, uint32_t, ByteView>;
+using SBPSendServiceAuthChallengeMessage =
+    Call<ToSource, &ZELSBPSource::sendServiceAuthChallenge, uint16_t, uint32_t, uint32_t, ByteView>;
 
 }  // namespace ControlMessages
 }  // namespace zelcdbsdk

@@ -114,8 +114,8 @@ ZELCDBError sourceSendGetResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId, 
                                            ByteView{data, size});
 }
 
-ZELCDBError sourceSendSetResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId, void*,
-                                  uint32_t uid, uint32_t result) {
+ZELCDBError sourceSendSetResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId, void*, uint32_t uid,
+                                  uint32_t result) {
     if (result == kSBPResultInProgress) return ZELCDBErrorInvalidParameter;
     return post<SBPSendSetResponseMessage>(endpoint, serviceId, uid, result);
 }
@@ -126,9 +126,9 @@ ZELCDBError sourceSendSubscribeResponse(ZELCDBEndpoint* endpoint, uint16_t servi
     return post<SBPSendSubscribeResponseMessage>(endpoint, serviceId, uid, result);
 }
 
-ZELCDBError sourceSendServiceAuthChallenge(ZELCDBEndpoint* endpoint, uint16_t serviceId,
-                                           void*, uint32_t command, uint32_t uid,
-                                           const uint8_t* data, uint32_t size) {
+ZELCDBError sourceSendServiceAuthChallenge(ZELCDBEndpoint* endpoint, uint16_t serviceId, void*,
+                                           uint32_t command, uint32_t uid, const uint8_t* data,
+                                           uint32_t size) {
     if (badBuffer(data, size)) return ZELCDBErrorInvalidParameter;
     return post<SBPSendServiceAuthChallengeMessage>(endpoint, serviceId, command, uid,
                                                     ByteView{data, size});

@@ -348,7 +348,8 @@ TEST(ControlMessageQueue, AllocationFailureInAPostFreesTheMessageAndQueuesNothin
     queue.postSynchronously(caughtUp);
     for (int k = kPosts; k < 2 * kPosts; ++k) {
         expected.push_back(k);
-        auto* message = new FnMessage([&performed, k] { return performed.push_back(k), 0; }, &freed);
+        auto* message =
+            new FnMessage([&performed, k] { return performed.push_back(k), 0; }, &freed);
         EXPECT_FALSE(failingAllocation(1, [&] { queue.postAsynchronously(message); })) << k;
     }
     int runs = 0, result = -1;
