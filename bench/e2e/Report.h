@@ -21,6 +21,15 @@ struct Goal {
     static Goal valueBelow(double limit) { return {kValueBelow, limit}; }
 };
 
+// The SDK's ratio to a baseline over interleaved rounds: the median of the per-round ratios
+// and their range, so that a noisy run shows as a wide range rather than as a shift.
+struct Spread {
+    bool has = false;
+    double median = 0, min = 0, max = 0;
+    // Empty or all-invalid ratios give none.
+    static Spread of(std::vector<double> ratios);
+};
+
 struct Row {
     std::string key;    // stable JSON name, e.g. "get_8b_app_p50"
     std::string label;  // what the table says
@@ -30,9 +39,19 @@ struct Row {
     bool hasSdk = false;
     bool hasTcp = false;  // sizes have no floor
     Goal goal;
+    Spread tcpRounds;  // per-round ratios to the floor, when measured in rounds
+    // The peer library's figure of the same shape, when measured.
+    double peer = 0;
+    bool hasPeer = false;
+    Spread peerRounds;
+    Goal peerGoal;
 
-    bool hasRatio() const { return hasSdk && hasTcp && tcp != 0; }
-    double ratio() const { return hasRatio() ? sdk / tcp : 0; }
+    bool hasRatio() const { return hasSdk && hasTcp && (tcpRounds.has || tcp != 0); }
+    double ratio() const { return !hasRatio() ? 0 : tcpRounds.has ? tcpRounds.median : sdk / tcp; }
+    bool hasPeerRatio() const { return hasSdk && hasPeer && (peerRounds.has || peer != 0); }
+    double peerRatio() const {
+        return !hasPeerRatio() ? 0 : peerRounds.has ? peerRounds.median : sdk / peer;
+    }
     // -1 when there is no goal (or nothing to judge), else 0 or 1.
     int met() const;
     std::string goalText() const;
