@@ -289,10 +289,19 @@ void ControlMessageQueue::enqueue(const ControlMessage& message, bool signal) {
     push(slot);
     if (!signal) {
         unsignalled_ = true;
-    } else if (!announcesWaits_ || waiting_) {
-        notify();
-        ++unreadBytes_;
+    } else {
+        wake();
     }
+}
+
+void ControlMessageQueue::wake() {
+    if (announcesWaits_ && !waiting_) return;
+    notify();
+    ++unreadBytes_;
+    // The loop is woken now and looks at the whole queue before it blocks again: the posts
+    // that follow before it runs need no wake-up of their own (the idle-to-busy edge of a
+    // burst costs one write, not one per post).
+    waiting_ = false;
 }
 
 void ControlMessageQueue::announceWaits() {
@@ -356,10 +365,7 @@ int ControlMessageQueue::postSynchronously(ControlMessage& message) {
     // Counted so that a destructor discarding this entry does not delete the mutex before
     // this thread has taken it back and let go of it.
     ++syncPosters_;
-    if (!announcesWaits_ || waiting_) {
-        notify();
-        ++unreadBytes_;
-    }
+    wake();
     int result = 0;
     std::exception_ptr error;
     try {

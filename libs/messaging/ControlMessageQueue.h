@@ -208,6 +208,9 @@ private:
     // Queues a copy of message in a slot; signal writes its wake-up byte. Called with
     // queueMutex_ held while running. Throws std::bad_alloc, queueing nothing.
     void enqueue(const ControlMessage& message, bool signal);
+    // Writes a wake-up unless the loop announces its waits and is not waiting (or has been
+    // woken already). Called with queueMutex_ held while running.
+    void wake();
     void push(QueuedMessage* entry);
     QueuedMessage* pop();
     // A free slot of at least size bytes, or a new one. Throws std::bad_alloc, changing
@@ -241,7 +244,8 @@ private:
     // Touched by the servicing thread only: postFromServicer() queued without a byte.
     bool unsignalled_ = false;
     bool announcesWaits_ = false;
-    bool waiting_ = false;  // the servicing thread is, or is about to be, blocked
+    // The servicing thread is, or is about to be, blocked, and no post has woken it yet.
+    bool waiting_ = false;
     // State below is protected by startMutex_.
     bool startPending_ = false;
 };
