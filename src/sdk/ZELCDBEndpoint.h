@@ -15,6 +15,7 @@
 #include "messaging/ControlMessageQueueUNIX.h"
 #include "messaging/Mutex.h"
 #include "mirrorlink/CDBUrl.h"
+#include "plat/DString.h"
 #include "plat/Logger.h"
 #include "zelcdbsdk.h"
 
@@ -161,6 +162,8 @@ private:
     // State below is touched by the endpoint thread only.
     std::unique_ptr<zelcdbsdk::CDBSession> session_;
     int32_t callbackDepth_ = 0;
+    plat::DString line_;      // the log line being delivered
+    bool lineInUse_ = false;  // line_ is being read by the log callback
 
     // Threads started so far (each one counts itself as it begins to run), and whether the
     // current one has left its session for good. Written by the endpoint thread, read under
