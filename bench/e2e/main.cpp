@@ -1,6 +1,7 @@
-// End-to-end figures of the SDK next to the raw-TCP floor of the same shape, measured in
-// the same run: SBP Get round trips, a plain CDB payload stream, the idle cost of a
-// connected pair, 256 pairs in one process, and the library's footprint. Prints one table
+// End-to-end figures of the SDK next to the raw-TCP floor and the ZeroMQ peer of the same
+// shape, measured in the same run: SBP Get round trips, a plain CDB payload stream, heap
+// allocations per message, the idle cost of a connected pair, 256 pairs in one process, and
+// the library's footprint. Prints one table
 // and the same figures as JSON (tools/bench.sh runs it after the codec benchmark).
 //
 //   e2e_bench [--quick] [--verbose] [--rounds=N] [--idle-seconds=S] [--pairs=N] [--json=PATH]
