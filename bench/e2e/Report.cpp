@@ -120,6 +120,14 @@ int Row::met() const {
     return own && peers;
 }
 
+std::string Row::metText() const {
+    auto word = [](int met) { return met < 0 ? "" : met ? "yes" : "NO"; };
+    int own = judge(goal, hasRatio(), ratio(), hasSdk, sdk);
+    int peers = judge(peerGoal, hasPeerRatio(), peerRatio(), false, 0);
+    if (own >= 0 && peers >= 0) return std::string(word(own)) + "/" + word(peers);
+    return word(met());
+}
+
 std::string Row::goalText() const {
     std::string own = describe(goal, unit, "TCP");
     std::string peers = describe(peerGoal, unit, "ZMQ");
@@ -169,13 +177,9 @@ void Report::printTable(FILE* out) const {
         std::string peer = row.hasPeer ? number(row.peer) : "-";
         std::string ratio = ratioText(row.hasRatio(), row.ratio(), row.tcpRounds);
         std::string peerRatio = ratioText(row.hasPeerRatio(), row.peerRatio(), row.peerRounds);
-        int met = row.met();
         std::fprintf(out, "%-44s %-7s %9s %9s %-20s %9s %-20s %-24s %s\n", row.label.c_str(),
                      row.unit.c_str(), sdk.c_str(), tcp.c_str(), ratio.c_str(), peer.c_str(),
-                     peerRatio.c_str(), row.goalText().c_str(),
-                     met < 0 ? ""
-                     : met   ? "yes"
-                             : "NO");
+                     peerRatio.c_str(), row.goalText().c_str(), row.metText().c_str());
     }
 }
 

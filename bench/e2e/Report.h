@@ -52,8 +52,10 @@ struct Row {
     double peerRatio() const {
         return !hasPeerRatio() ? 0 : peerRounds.has ? peerRounds.median : sdk / peer;
     }
-    // -1 when there is no goal (or nothing to judge), else 0 or 1.
+    // -1 when there is no goal (or nothing to judge), else 0 or 1: both goals met.
     int met() const;
+    // "yes", "NO", or one word per goal ("NO/yes": the floor's missed, the peer's met).
+    std::string metText() const;
     std::string goalText() const;
 };
 
