@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <exception>
-#include <memory>
 
 namespace messaging {
 
@@ -13,8 +12,10 @@ class MutexFactory;
 
 // Gives one servicing thread (the endpoint thread) a first-in first-out queue of control
 // messages that any thread may post to, and a wake-up descriptor that the servicing thread's
-// own event loop watches next to its sockets: one byte is written per queued message, and
-// the loop calls serviceMessages() when the descriptor is readable.
+// own event loop watches next to its sockets: one wake-up (a pipe byte, or one count of an
+// eventfd; "byte" below) is written per queued message, and the loop calls
+// serviceMessages() when the descriptor is readable. Queued messages are copies in slots the
+// queue keeps for reuse, so that steady traffic allocates nothing.
 //
 // The queue owns the thread's life: start() creates the thread, which initialises the
 // wake-up descriptor, moves the queue to running and calls the servicer's run(); when run()
@@ -139,8 +140,9 @@ public:
 
     // For a servicing loop that says when it is about to block: from announceWaits() on,
     // posts write their wake-up byte only while the loop waits (between beginWait() and
-    // endWait()), since a loop that is busy looks at the queue before it next blocks. A
-    // stream of posts to a busy thread then costs no system call each.
+    // endWait()) and nobody has woken it yet, since a loop that is busy, or about to be,
+    // looks at the queue before it next blocks. A stream of posts to a busy thread then
+    // costs no system call each, and a burst to a sleeping one costs one.
     void announceWaits();
     // Servicing thread, just before it blocks: false when messages are queued (service them
     // instead of blocking); true when it may block until the descriptor is readable.
