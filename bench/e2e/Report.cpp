@@ -66,6 +66,8 @@ int judge(const Goal& goal, bool hasRatio, double ratio, bool hasValue, double v
             return hasRatio ? ratio >= goal.limit : -1;
         case Goal::kValueBelow:
             return hasValue ? value < goal.limit : -1;
+        case Goal::kValueAtMost:
+            return hasValue ? value <= goal.limit : -1;
     }
     return -1;
 }
@@ -80,6 +82,8 @@ std::string describe(const Goal& goal, const std::string& unit, const char* base
             return ">= " + number(goal.limit) + "x " + baseline;
         case Goal::kValueBelow:
             return "< " + number(goal.limit) + " " + unit;
+        case Goal::kValueAtMost:
+            return "<= " + number(goal.limit) + " " + unit;
     }
     return "";
 }

@@ -11,7 +11,7 @@
 namespace e2e {
 
 struct Goal {
-    enum Kind { kNone, kRatioAtMost, kRatioAtLeast, kValueBelow };
+    enum Kind { kNone, kRatioAtMost, kRatioAtLeast, kValueBelow, kValueAtMost };
     Kind kind = kNone;
     double limit = 0;
 
@@ -19,6 +19,7 @@ struct Goal {
     static Goal ratioAtMost(double limit) { return {kRatioAtMost, limit}; }
     static Goal ratioAtLeast(double limit) { return {kRatioAtLeast, limit}; }
     static Goal valueBelow(double limit) { return {kValueBelow, limit}; }
+    static Goal valueAtMost(double limit) { return {kValueAtMost, limit}; }
 };
 
 // The SDK's ratio to a baseline over interleaved rounds: the median of the per-round ratios
