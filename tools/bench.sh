@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs the benchmarks (installing what they need when it is missing):
 #  1. the SBP codec against msgpack-c;
-#  2. the end-to-end figures of the SDK next to raw TCP measured in the same run (round
-#     trips, payload stream, idle cost, 256 endpoint pairs, footprint), printed as a table
+#  2. the end-to-end figures of the SDK next to raw TCP and ZeroMQ (when libzmq is there)
+#     measured in the same run, in interleaved rounds (round trips, payload stream, idle
+#     cost, 256 endpoint pairs, footprint, heap allocations per message), printed as a table
 #     and as JSON, which is also written to build/bench/e2e.json.
 #
 #   tools/bench.sh                      everything

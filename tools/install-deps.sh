@@ -3,7 +3,7 @@
 #   tools/install-deps.sh [JOB...]      (build when no job is named)
 #     build     the library, its tests, the examples and zelcdb (GCC, CMake, Ninja, GoogleTest)
 #     arm       build, plus the 32-bit ARM cross compiler, qemu-user and GoogleTest's sources
-#     bench     the benchmarks: Google Benchmark and msgpack-c
+#     bench     the benchmarks: Google Benchmark, msgpack-c, and ZeroMQ for the peer rows
 #     fuzz      the libFuzzer build: clang and its runtime
 #     format    clang-format alone
 #     docs      build, plus doxygen for the API reference
@@ -25,6 +25,7 @@ declare -A probe=(
   [googletest]=file:/usr/src/googletest/CMakeLists.txt
   [g++-arm-linux-gnueabihf]=cmd:arm-linux-gnueabihf-g++ [qemu-user]=cmd:qemu-arm
   [libbenchmark-dev]=inc:benchmark/benchmark.h [libmsgpack-dev]=inc:msgpack.h
+  [libzmq3-dev]=inc:zmq.h
   [clang]=cmd:clang [libclang-rt-14-dev]=file:/usr/lib/llvm-14/lib/clang/14*/lib/linux/libclang_rt.fuzzer-*.a
   [clang-format]=cmd:clang-format [git]=cmd:git [doxygen]=cmd:doxygen [lintian]=cmd:lintian
   [dpkg-dev]=cmd:dpkg-shlibdeps [file]=cmd:file [pkg-config]=cmd:pkg-config
@@ -48,7 +49,7 @@ for job in "$@"; do
   case "$job" in
     build) wanted+=("${build[@]}") ;;
     arm) wanted+=("${build[@]}" g++-arm-linux-gnueabihf qemu-user googletest) ;;
-    bench) wanted+=(cmake ninja-build g++ libbenchmark-dev libmsgpack-dev) ;;
+    bench) wanted+=(cmake ninja-build g++ libbenchmark-dev libmsgpack-dev libzmq3-dev) ;;
     fuzz) wanted+=(cmake ninja-build clang libclang-rt-14-dev) ;;
     format) wanted+=(clang-format git) ;;
     docs) wanted+=("${build[@]}" doxygen) ;;

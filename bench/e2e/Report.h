@@ -11,7 +11,7 @@
 namespace e2e {
 
 struct Goal {
-    enum Kind { kNone, kRatioAtMost, kRatioAtLeast, kValueBelow };
+    enum Kind { kNone, kRatioAtMost, kRatioAtLeast, kValueBelow, kValueAtMost };
     Kind kind = kNone;
     double limit = 0;
 
@@ -19,6 +19,16 @@ struct Goal {
     static Goal ratioAtMost(double limit) { return {kRatioAtMost, limit}; }
     static Goal ratioAtLeast(double limit) { return {kRatioAtLeast, limit}; }
     static Goal valueBelow(double limit) { return {kValueBelow, limit}; }
+    static Goal valueAtMost(double limit) { return {kValueAtMost, limit}; }
+};
+
+// The SDK's ratio to a baseline over interleaved rounds: the median of the per-round ratios
+// and their range, so that a noisy run shows as a wide range rather than as a shift.
+struct Spread {
+    bool has = false;
+    double median = 0, min = 0, max = 0;
+    // Empty or all-invalid ratios give none.
+    static Spread of(std::vector<double> ratios);
 };
 
 struct Row {
@@ -30,11 +40,23 @@ struct Row {
     bool hasSdk = false;
     bool hasTcp = false;  // sizes have no floor
     Goal goal;
+    Spread tcpRounds;  // per-round ratios to the floor, when measured in rounds
+    // The peer library's figure of the same shape, when measured.
+    double peer = 0;
+    bool hasPeer = false;
+    Spread peerRounds;
+    Goal peerGoal;
 
-    bool hasRatio() const { return hasSdk && hasTcp && tcp != 0; }
-    double ratio() const { return hasRatio() ? sdk / tcp : 0; }
-    // -1 when there is no goal (or nothing to judge), else 0 or 1.
+    bool hasRatio() const { return hasSdk && hasTcp && (tcpRounds.has || tcp != 0); }
+    double ratio() const { return !hasRatio() ? 0 : tcpRounds.has ? tcpRounds.median : sdk / tcp; }
+    bool hasPeerRatio() const { return hasSdk && hasPeer && (peerRounds.has || peer != 0); }
+    double peerRatio() const {
+        return !hasPeerRatio() ? 0 : peerRounds.has ? peerRounds.median : sdk / peer;
+    }
+    // -1 when there is no goal (or nothing to judge), else 0 or 1: both goals met.
     int met() const;
+    // "yes", "NO", or one word per goal ("NO/yes": the floor's missed, the peer's met).
+    std::string metText() const;
     std::string goalText() const;
 };
 

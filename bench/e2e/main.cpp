@@ -1,6 +1,7 @@
-// End-to-end figures of the SDK next to the raw-TCP floor of the same shape, measured in
-// the same run: SBP Get round trips, a plain CDB payload stream, the idle cost of a
-// connected pair, 256 pairs in one process, and the library's footprint. Prints one table
+// End-to-end figures of the SDK next to the raw-TCP floor and the ZeroMQ peer of the same
+// shape, measured in the same run: SBP Get round trips, a plain CDB payload stream, heap
+// allocations per message, the idle cost of a connected pair, 256 pairs in one process, and
+// the library's footprint. Prints one table
 // and the same figures as JSON (tools/bench.sh runs it after the codec benchmark).
 //
 //   e2e_bench [--quick] [--verbose] [--rounds=N] [--idle-seconds=S] [--pairs=N] [--json=PATH]
@@ -28,17 +29,22 @@
 #include "Report.h"
 #include "SdkPair.h"
 #include "TcpFloor.h"
+#include "ZmqPeer.h"
 #include "zelcdbsdk.h"
 
 namespace {
 
 using namespace e2e;
 
+// The SDK, the floor and the peer are measured in many short alternating rounds (floor, SDK,
+// peer, floor, SDK, peer, ...), each ratio taken within a round: on a shared machine the
+// floor itself moves severalfold from minute to minute, and only figures taken side by side
+// compare.
 struct Options {
-    int rounds = 3;
-    int samples = 5000;  // timed round trips per round and value size
-    int closedLoopCount = 5000;
-    double streamSeconds = 1.0;
+    int rounds = 15;
+    int samples = 1000;  // timed round trips per round and value size
+    int closedLoopCount = 1000;
+    double streamSeconds = 0.2;
     double idleSeconds = 10;
     int pairs = 256;
     int getsEach = 100;
@@ -67,10 +73,10 @@ bool parse(int argc, char** argv, Options* options) {
         if (arg == "--verbose") {
             SdkPair::setVerbose(true);
         } else if (arg == "--quick") {
-            options->rounds = 1;
-            options->samples = 1000;
-            options->closedLoopCount = 1000;
-            options->streamSeconds = 0.3;
+            options->rounds = 5;
+            options->samples = 300;
+            options->closedLoopCount = 300;
+            options->streamSeconds = 0.1;
             options->idleSeconds = 2;
             options->pairs = 32;
             options->getsEach = 20;
@@ -167,46 +173,94 @@ void reportSizes(const Options& options, Report& report) {
 
 // ---- 1. Get round trips -------------------------------------------------------------------
 
-void roundTrips(const Options& options, SdkPair& pair, uint32_t value, Report& report) {
+double ratio(double sdk, double baseline) {
+    return baseline > 0 ? sdk / baseline : 0;
+}
+
+void roundTrips(const Options& options, SdkPair& pair, ZmqPeer* peer, uint32_t value,
+                Report& report) {
     const std::string size = value == 8 ? "8 B" : "1 KB";
     const std::string key = value == 8 ? "8b" : "1kb";
     pair.setValueSize(value);
-    std::vector<int64_t> sdkSamples, tcpSamples;
+    if (peer) peer->setResponseSize(answerWireSize(value));
+    std::vector<int64_t> sdkSamples, tcpSamples, zmqSamples;
+    std::vector<double> p50Tcp, p99Tcp, p50Zmq, p99Zmq, loopTcp;
     int64_t sdkLoopCount = 0, sdkLoopNs = 0, tcpCount = 0, tcpNs = 0;
+    const int warmup = std::max(10, options.samples / 10);
+    for (int i = 0; i < warmup; ++i) {
+        if (pair.timedGet() < 0) fail("Get went unanswered", pair.problems());
+    }
     for (int round = 0; round < options.rounds; ++round) {
         PingPongFigures floor =
-            tcpPingPong(kGetWireSize, answerWireSize(value), options.samples / 10, options.samples);
-        tcpSamples.insert(tcpSamples.end(), floor.roundTripsNs.begin(), floor.roundTripsNs.end());
-        tcpCount += floor.count;
-        tcpNs += floor.elapsedNs;
-
-        for (int i = 0; i < options.samples / 10; ++i) {
-            if (pair.timedGet() < 0) fail("Get went unanswered", pair.problems());
-        }
+            tcpPingPong(kGetWireSize, answerWireSize(value), warmup, options.samples);
+        std::vector<int64_t> sdk;
         for (int i = 0; i < options.samples; ++i) {
             int64_t roundTrip = pair.timedGet();
             if (roundTrip < 0) fail("Get went unanswered", pair.problems());
-            sdkSamples.push_back(roundTrip);
+            sdk.push_back(roundTrip);
         }
         int64_t elapsed = pair.closedLoop(options.closedLoopCount, 60);
         if (elapsed < 0) fail("closed loop did not finish", pair.problems());
+        std::vector<int64_t> zmq;
+        if (peer) {
+            zmq = peer->roundTrips(warmup, options.samples);
+            if (zmq.empty()) fail("ZeroMQ round trips failed");
+        }
+
+        double floorRate =
+            static_cast<double>(floor.count) / (static_cast<double>(floor.elapsedNs) / 1e9);
+        double loopRate =
+            static_cast<double>(options.closedLoopCount) / (static_cast<double>(elapsed) / 1e9);
+        loopTcp.push_back(ratio(loopRate, floorRate));
+        p50Tcp.push_back(ratio(quantile(sdk, 0.5), quantile(floor.roundTripsNs, 0.5)));
+        p99Tcp.push_back(ratio(quantile(sdk, 0.99), quantile(floor.roundTripsNs, 0.99)));
+        if (peer) {
+            p50Zmq.push_back(ratio(quantile(sdk, 0.5), quantile(zmq, 0.5)));
+            p99Zmq.push_back(ratio(quantile(sdk, 0.99), quantile(zmq, 0.99)));
+        }
+        sdkSamples.insert(sdkSamples.end(), sdk.begin(), sdk.end());
+        tcpSamples.insert(tcpSamples.end(), floor.roundTripsNs.begin(), floor.roundTripsNs.end());
+        zmqSamples.insert(zmqSamples.end(), zmq.begin(), zmq.end());
+        tcpCount += floor.count;
+        tcpNs += floor.elapsedNs;
         sdkLoopCount += options.closedLoopCount;
         sdkLoopNs += elapsed;
     }
-    report.add("get_" + key + "_app_p50", "SBP Get " + size + ", app thread waits, p50", "us",
-               quantile(sdkSamples, 0.5) / 1e3, quantile(tcpSamples, 0.5) / 1e3,
-               Goal::ratioAtMost(1.5));
-    report.add("get_" + key + "_app_p99", "SBP Get " + size + ", app thread waits, p99", "us",
-               quantile(sdkSamples, 0.99) / 1e3, quantile(tcpSamples, 0.99) / 1e3,
-               Goal::ratioAtMost(2));
-    report.add("get_" + key + "_closed_loop", "SBP Get " + size + ", closed loop in callback",
-               "RT/s", static_cast<double>(sdkLoopCount) / (static_cast<double>(sdkLoopNs) / 1e9),
-               static_cast<double>(tcpCount) / (static_cast<double>(tcpNs) / 1e9),
-               Goal::ratioAtLeast(0.6));
+    auto latency = [&](const char* which, double q, const std::vector<double>& tcpRatios,
+                       const std::vector<double>& zmqRatios, Goal goal, Goal peerGoal) {
+        Row row;
+        row.key = "get_" + key + "_app_" + which;
+        row.label = "SBP Get " + size + ", app thread waits, " + which;
+        row.unit = "us";
+        row.sdk = quantile(sdkSamples, q) / 1e3;
+        row.tcp = quantile(tcpSamples, q) / 1e3;
+        row.hasSdk = row.hasTcp = true;
+        row.goal = goal;
+        row.tcpRounds = Spread::of(tcpRatios);
+        if (peer) {
+            row.peer = quantile(zmqSamples, q) / 1e3;
+            row.hasPeer = true;
+            row.peerRounds = Spread::of(zmqRatios);
+            row.peerGoal = peerGoal;
+        }
+        report.add(row);
+    };
+    latency("p50", 0.5, p50Tcp, p50Zmq, Goal::ratioAtMost(1.5), Goal::ratioAtMost(1.0));
+    latency("p99", 0.99, p99Tcp, p99Zmq, Goal::ratioAtMost(2), Goal::none());
+    Row loop;
+    loop.key = "get_" + key + "_closed_loop";
+    loop.label = "SBP Get " + size + ", closed loop in callback";
+    loop.unit = "RT/s";
+    loop.sdk = static_cast<double>(sdkLoopCount) / (static_cast<double>(sdkLoopNs) / 1e9);
+    loop.tcp = static_cast<double>(tcpCount) / (static_cast<double>(tcpNs) / 1e9);
+    loop.hasSdk = loop.hasTcp = true;
+    loop.goal = Goal::ratioAtLeast(0.8);
+    loop.tcpRounds = Spread::of(loopTcp);
+    report.add(loop);
 }
 
-// Allocation calls of the whole process per operation, with nothing else running; the
-// floor allocates nothing per message.
+// Allocation calls of the whole process per operation, after the warm-up of the rounds and
+// with nothing else running; the floor allocates nothing per message.
 void allocations(SdkPair& pair, Report& report) {
     pair.setValueSize(8);
     const int count = 1000;
@@ -219,43 +273,65 @@ void allocations(SdkPair& pair, Report& report) {
     before = heap::allocations();
     if (pair.closedLoop(count, 60) < 0) fail("closed loop did not finish", pair.problems());
     int64_t closedLoop = heap::allocations() - before;
+    before = heap::allocations();
+    int64_t payloads = 0;
+    if (pair.stream(0, 64 * 16, kStreamWindow, &payloads) <= 0) fail("payload stream failed");
+    int64_t streamed = heap::allocations() - before;
     heap::setCounting(false);
     report.add("allocs_get_app", "heap allocations per Get, app thread", "count",
-               static_cast<double>(appThread) / count, 0, Goal::none());
+               static_cast<double>(appThread) / count, 0, Goal::valueAtMost(0));
     report.add("allocs_get_closed_loop", "heap allocations per Get, closed loop", "count",
-               static_cast<double>(closedLoop) / count, 0, Goal::none());
+               static_cast<double>(closedLoop) / count, 0, Goal::valueAtMost(0));
+    report.add("allocs_stream", "heap allocations per stream payload", "count",
+               static_cast<double>(streamed) / static_cast<double>(payloads), 0,
+               Goal::valueAtMost(0));
 }
 
 // ---- 2. Payload stream --------------------------------------------------------------------
 
-void stream(const Options& options, SdkPair& pair, Report& report) {
-    double sdkBytes = 0, sdkSeconds = 0, tcpBytes = 0, tcpSeconds = 0;
+void stream(const Options& options, SdkPair& pair, ZmqPeer* peer, Report& report) {
+    double sdkBytes = 0, sdkSeconds = 0, tcpBytes = 0, tcpSeconds = 0, zmqBytes = 0, zmqSeconds = 0;
+    std::vector<double> toTcp, toZmq;
     for (int round = 0; round < options.rounds; ++round) {
         int64_t writes = 0;
-        double rate = tcpStream(kStreamWriteSize, SdkPair::kAckEvery, kStreamWindow,
-                                options.streamSeconds, &writes);
+        double floorRate = tcpStream(kStreamWriteSize, SdkPair::kAckEvery, kStreamWindow,
+                                     options.streamSeconds, &writes);
         double bytes = static_cast<double>(writes) * kStreamWriteSize;
         tcpBytes += bytes;
-        tcpSeconds += bytes / 1e6 / rate;
+        tcpSeconds += bytes / 1e6 / floorRate;
         int64_t payloads = 0;
-        rate = pair.stream(options.streamSeconds, 0, kStreamWindow, &payloads);
+        double rate = pair.stream(options.streamSeconds, 0, kStreamWindow, &payloads);
         if (rate <= 0) fail("payload stream failed", pair.problems());
         bytes = static_cast<double>(payloads) * SdkPair::kStreamPayload;
         sdkBytes += bytes;
         sdkSeconds += bytes / 1e6 / rate;
+        toTcp.push_back(ratio(rate, floorRate));
+        if (peer) {
+            int64_t updates = 0;
+            double peerRate = peer->stream(SdkPair::kStreamPayload, SdkPair::kAckEvery,
+                                           kStreamWindow, options.streamSeconds, &updates);
+            if (peerRate <= 0) fail("ZeroMQ stream failed");
+            bytes = static_cast<double>(updates) * SdkPair::kStreamPayload;
+            zmqBytes += bytes;
+            zmqSeconds += bytes / 1e6 / peerRate;
+            toZmq.push_back(ratio(rate, peerRate));
+        }
     }
-    report.add("stream_8100", "CDB ServicePayload stream, 8100 B, ack/64", "MB/s",
-               sdkBytes / 1e6 / sdkSeconds, tcpBytes / 1e6 / tcpSeconds, Goal::ratioAtLeast(0.8));
-
-    const int count = 64 * 16;
-    heap::setCounting(true);
-    int64_t before = heap::allocations();
-    int64_t payloads = 0;
-    if (pair.stream(0, count, kStreamWindow, &payloads) <= 0) fail("payload stream failed");
-    int64_t made = heap::allocations() - before;
-    heap::setCounting(false);
-    report.add("allocs_stream", "heap allocations per stream payload", "count",
-               static_cast<double>(made) / static_cast<double>(payloads), 0, Goal::none());
+    Row row;
+    row.key = "stream_8100";
+    row.label = "CDB ServicePayload stream, 8100 B, ack/64";
+    row.unit = "MB/s";
+    row.sdk = sdkBytes / 1e6 / sdkSeconds;
+    row.tcp = tcpBytes / 1e6 / tcpSeconds;
+    row.hasSdk = row.hasTcp = true;
+    row.goal = Goal::ratioAtLeast(0.8);
+    row.tcpRounds = Spread::of(toTcp);
+    if (peer) {
+        row.peer = zmqBytes / 1e6 / zmqSeconds;
+        row.hasPeer = true;
+        row.peerRounds = Spread::of(toZmq);
+    }
+    report.add(row);
 }
 
 // ---- 3. Idle cost -------------------------------------------------------------------------
@@ -391,6 +467,9 @@ int main(int argc, char** argv) {
 
     Report report;
     describeMachine(report);
+    report.note("rounds", std::to_string(options.rounds) +
+                              " interleaved (floor, SDK, ZeroMQ); figures over all samples, ratios "
+                              "the median of the per-round ratios (min-max across rounds)");
     int64_t runStart = nowNs();
 
     std::fprintf(stderr, "footprint...\n");
@@ -400,12 +479,21 @@ int main(int argc, char** argv) {
 
     auto pair = std::make_unique<SdkPair>(sdk, 8, true);
     if (!pair->connect(20)) fail("endpoint pair did not connect", pair->problems());
-    std::fprintf(stderr, "round trips...\n");
-    roundTrips(options, *pair, 8, report);
-    roundTrips(options, *pair, 1024, report);
-    allocations(*pair, report);
+    std::unique_ptr<ZmqPeer> peer;
+    if (ZmqPeer::available()) {
+        peer = std::make_unique<ZmqPeer>(kGetWireSize, answerWireSize(8));
+        if (!peer->ok()) fail("ZeroMQ sockets could not be connected");
+    } else {
+        report.note("peer", "ZeroMQ rows left out: libzmq not found at build time");
+    }
+    std::fprintf(stderr, "round trips (%d interleaved rounds)...\n", options.rounds);
+    roundTrips(options, *pair, peer.get(), 8, report);
+    roundTrips(options, *pair, peer.get(), 1024, report);
     std::fprintf(stderr, "stream...\n");
-    stream(options, *pair, report);
+    stream(options, *pair, peer.get(), report);
+    // Its threads must be gone before the process's allocations and idle time are counted.
+    peer.reset();
+    allocations(*pair, report);
     std::fprintf(stderr, "idle endpoint pair (%.0f s)...\n", options.idleSeconds);
     idle(options, idleFloor, report);
     std::string problems = pair->problems();

@@ -1,7 +1,8 @@
 #include "messaging/ControlMessageQueue.h"
 
 #include <algorithm>
-#include <memory>
+#include <cstddef>
+#include <new>
 
 #include "messaging/Condition.h"
 #include "messaging/ControlMessage.h"
@@ -10,17 +11,89 @@
 
 namespace messaging {
 
+namespace {
+
+// What the queue keeps of a message posted by pointer: the pointer, owned.
+class Adopted final : public ControlMessage {
+public:
+    explicit Adopted(ControlMessage* message) : message_(message) {}
+    ~Adopted() override { delete message_; }
+    Adopted(const Adopted&) = delete;
+    Adopted& operator=(const Adopted&) = delete;
+    int action() override { return message_->action(); }
+    size_t copySize() const override { return sizeof(Adopted); }
+    // Moves the message into the copy; the poster's wrapper is left empty.
+    ControlMessage* copyInto(void* storage) const override {
+        Adopted* copy = new (storage) Adopted(message_);
+        message_ = nullptr;
+        return copy;
+    }
+
+private:
+    mutable ControlMessage* message_;
+};
+
+constexpr size_t roundUp(size_t size, size_t to) {
+    return (size + to - 1) / to * to;
+}
+
+// Slot capacities go up in steps, so that a message a little larger than the last one of its
+// kind still finds its slot.
+constexpr size_t kSlotStep = 256;
+// Free slots beyond this many bytes are given back at once: a burst of large payloads must
+// not keep its storage for the rest of the session. A window of 128 full payloads fits.
+constexpr size_t kMaxFreeBytes = 1 << 20;
+
+}  // namespace
+
+// An asynchronous entry and, behind it in the same block, the storage of the message copy.
+class ControlMessageQueue::Slot final : public QueuedMessage {
+public:
+    // Throws std::bad_alloc.
+    static Slot* make(size_t size);
+    static void destroy(Slot* slot) {
+        slot->~Slot();
+        ::operator delete(slot);
+    }
+
+    void* storage();
+    size_t capacity() const { return capacity_; }
+    void hold(ControlMessage* copy) { message_ = copy; }
+    // Performs the copy (when perform is true), then destroys it in place, also when the
+    // action throws; the storage stays.
+    int service(bool perform) override {
+        struct Destroy {
+            ControlMessage* copy;
+            ~Destroy() { copy->~ControlMessage(); }
+        } destroy{message_};
+        return QueuedMessage::service(perform);
+    }
+    Slot* slot() override { return this; }
+
+    Slot* nextFree = nullptr;  // guarded by queueMutex_
+
+private:
+    explicit Slot(size_t capacity) : QueuedMessage(nullptr), capacity_(capacity) {}
+    size_t capacity_;
+};
+
+namespace {
+// The storage starts behind the entry, aligned for any message.
+constexpr size_t kSlotHeader =
+    roundUp(sizeof(ControlMessageQueue::Slot), alignof(std::max_align_t));
+}  // namespace
+
+ControlMessageQueue::Slot* ControlMessageQueue::Slot::make(size_t size) {
+    size_t capacity = roundUp(size, kSlotStep);
+    return new (::operator new(kSlotHeader + capacity)) Slot(capacity);
+}
+
+void* ControlMessageQueue::Slot::storage() {
+    return reinterpret_cast<unsigned char*>(this) + kSlotHeader;
+}
+
 int ControlMessageQueue::QueuedMessage::service(bool perform) {
     return perform ? message_->action() : 0;
-}
-
-ControlMessageQueue::QueuedMessageActionedAsynchronously::~QueuedMessageActionedAsynchronously() {
-    delete message_;
-}
-
-int ControlMessageQueue::QueuedMessageActionedAsynchronously::service(bool perform) {
-    std::unique_ptr<QueuedMessageActionedAsynchronously> self(this);
-    return QueuedMessage::service(perform);
 }
 
 ControlMessageQueue::QueuedMessageActionedSynchronously::QueuedMessageActionedSynchronously(
@@ -64,6 +137,8 @@ ControlMessageQueue::~ControlMessageQueue() {
         MutexLock lock(*queueMutex_);
         while (syncPosters_ > 0) postersGone_->wait(*queueMutex_);
     }
+    // A slot serviced while finish() was discarding the rest came back after its release.
+    releaseSlots();
     delete postersGone_;
     delete startCondition_;
     delete startMutex_;
@@ -143,17 +218,89 @@ void ControlMessageQueue::threadBody() {
     finish(true);
 }
 
-void ControlMessageQueue::enqueue(std::unique_ptr<ControlMessage>& message, bool signal) {
-    std::unique_ptr<QueuedMessage> entry(new QueuedMessageActionedAsynchronously(message.get()));
-    message.release();
-    queue_.push_back(entry.get());
-    entry.release();
+void ControlMessageQueue::push(QueuedMessage* entry) {
+    entry->next_ = nullptr;
+    if (tail_) {
+        tail_->next_ = entry;
+    } else {
+        head_ = entry;
+    }
+    tail_ = entry;
+    ++queued_;
+}
+
+ControlMessageQueue::QueuedMessage* ControlMessageQueue::pop() {
+    QueuedMessage* entry = head_;
+    head_ = entry->next_;
+    if (!head_) tail_ = nullptr;
+    --queued_;
+    return entry;
+}
+
+ControlMessageQueue::Slot* ControlMessageQueue::takeSlot(size_t size) {
+    Slot** link = &freeSlots_;
+    for (Slot* slot = freeSlots_; slot; link = &slot->nextFree, slot = slot->nextFree) {
+        if (slot->capacity() >= size) {
+            *link = slot->nextFree;
+            freeBytes_ -= slot->capacity();
+            return slot;
+        }
+    }
+    Slot* slot = Slot::make(size);
+    // No more slots than messages ever queued at once: a free one too small for this
+    // message gives way to the new one.
+    if (Slot* small = freeSlots_) {
+        freeSlots_ = small->nextFree;
+        freeBytes_ -= small->capacity();
+        Slot::destroy(small);
+    }
+    return slot;
+}
+
+void ControlMessageQueue::returnSlot(Slot* slot) {
+    if (freeBytes_ + slot->capacity() > kMaxFreeBytes) {
+        Slot::destroy(slot);
+        return;
+    }
+    slot->nextFree = freeSlots_;
+    freeSlots_ = slot;
+    freeBytes_ += slot->capacity();
+}
+
+void ControlMessageQueue::releaseSlots() {
+    while (Slot* slot = freeSlots_) {
+        freeSlots_ = slot->nextFree;
+        Slot::destroy(slot);
+    }
+    freeBytes_ = 0;
+}
+
+void ControlMessageQueue::enqueue(const ControlMessage& message, bool signal) {
+    size_t size = message.copySize();
+    if (size == 0) return;
+    Slot* slot = takeSlot(size);
+    try {
+        slot->hold(message.copyInto(slot->storage()));
+    } catch (...) {
+        returnSlot(slot);
+        throw;
+    }
+    push(slot);
     if (!signal) {
         unsignalled_ = true;
-    } else if (!announcesWaits_ || waiting_) {
-        notify();
-        ++unreadBytes_;
+    } else {
+        wake();
     }
+}
+
+void ControlMessageQueue::wake() {
+    if (announcesWaits_ && !waiting_) return;
+    notify();
+    ++unreadBytes_;
+    // The loop is woken now and looks at the whole queue before it blocks again: the posts
+    // that follow before it runs need no wake-up of their own (the idle-to-busy edge of a
+    // burst costs one write, not one per post).
+    waiting_ = false;
 }
 
 void ControlMessageQueue::announceWaits() {
@@ -163,7 +310,7 @@ void ControlMessageQueue::announceWaits() {
 
 bool ControlMessageQueue::beginWait() {
     MutexLock lock(*queueMutex_);
-    if (!queue_.empty()) return false;
+    if (head_) return false;
     waiting_ = true;
     return true;
 }
@@ -174,27 +321,35 @@ void ControlMessageQueue::endWait() {
 }
 
 void ControlMessageQueue::postAsynchronously(ControlMessage* message) {
-    std::unique_ptr<ControlMessage> owned(message);
     if (!message) return;
-    MutexLock lock(*queueMutex_);
-    if (state_ != kRunning) {
-        lock.unlock();
-        owned->action();
-        return;
-    }
-    enqueue(owned, true);
+    Adopted owned(message);
+    postCopy(owned);
 }
 
 void ControlMessageQueue::postFromServicer(ControlMessage* message) {
-    std::unique_ptr<ControlMessage> owned(message);
     if (!message) return;
+    Adopted owned(message);
+    postCopyFromServicer(owned);
+}
+
+void ControlMessageQueue::postCopy(ControlMessage& message) {
     MutexLock lock(*queueMutex_);
     if (state_ != kRunning) {
         lock.unlock();
-        owned->action();
+        message.action();
         return;
     }
-    enqueue(owned, false);
+    enqueue(message, true);
+}
+
+void ControlMessageQueue::postCopyFromServicer(ControlMessage& message) {
+    MutexLock lock(*queueMutex_);
+    if (state_ != kRunning) {
+        lock.unlock();
+        message.action();
+        return;
+    }
+    enqueue(message, false);
 }
 
 int ControlMessageQueue::postSynchronously(ControlMessage& message) {
@@ -205,14 +360,11 @@ int ControlMessageQueue::postSynchronously(ControlMessage& message) {
         return message.action();
     }
     QueuedMessageActionedSynchronously entry(message, *queueMutex_, *factory_);
-    queue_.push_back(&entry);
+    push(&entry);
     // Counted so that a destructor discarding this entry does not delete the mutex before
     // this thread has taken it back and let go of it.
     ++syncPosters_;
-    if (!announcesWaits_ || waiting_) {
-        notify();
-        ++unreadBytes_;
-    }
+    wake();
     int result = 0;
     std::exception_ptr error;
     try {
@@ -226,25 +378,28 @@ int ControlMessageQueue::postSynchronously(ControlMessage& message) {
 }
 
 void ControlMessageQueue::serviceMessages() {
+    Slot* spent = nullptr;  // given back under the lock the next turn takes anyway
     for (;;) {
         MutexLock lock(*queueMutex_);
+        if (spent) returnSlot(spent);
         // One byte per message keeps the pipe no fuller than the queue. A message whose
         // byte could not be written (pipe full), or that was queued by this thread without
         // one, is performed all the same: the loop stops on an empty queue, not on a
         // missing byte.
-        if (queue_.empty()) {
+        if (!head_) {
             unsignalled_ = false;
             return;
         }
         if (prepaid_ == 0 && unreadBytes_ > 0) {
             // The bytes of every message queued now, in one read rather than one each.
-            size_t owed = std::min(unreadBytes_, queue_.size());
+            size_t owed = std::min(unreadBytes_, queued_);
             prepaid_ = consumeNotifications(owed);
             unreadBytes_ = prepaid_ < owed ? 0 : unreadBytes_ - owed;
         }
         if (prepaid_ > 0) --prepaid_;
-        QueuedMessage* entry = queue_.front();
-        queue_.pop_front();
+        QueuedMessage* entry = pop();
+        // Asked now: a synchronous entry may be gone as soon as it has been serviced.
+        spent = entry->slot();
         lock.unlock();
         try {
             entry->service(true);
@@ -252,6 +407,7 @@ void ControlMessageQueue::serviceMessages() {
             // The messages behind it stay queued for the next call, and get back the bytes
             // read for them, so that a loop waiting on the descriptor still sees them.
             lock.lock();
+            if (spent) returnSlot(spent);
             for (; prepaid_ > 0; --prepaid_) {
                 notify();
                 ++unreadBytes_;
@@ -275,17 +431,19 @@ void ControlMessageQueue::finish(bool perform) {
     prepaid_ = 0;
     // Other threads may still queue behind us while the lock is released: they are served
     // too, since the state only changes once the queue is empty.
-    while (!queue_.empty()) {
-        QueuedMessage* entry = queue_.front();
-        queue_.pop_front();
+    while (head_) {
+        QueuedMessage* entry = pop();
+        Slot* spent = entry->slot();
         lock.unlock();
         try {
             entry->service(perform);
         } catch (...) {
         }
         lock.lock();
+        if (spent) returnSlot(spent);
     }
     state_ = kStopped;
+    releaseSlots();
 }
 
 void ControlMessageQueue::waitForStartUp() {

@@ -1,9 +1,7 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <exception>
-#include <memory>
 
 namespace messaging {
 
@@ -14,8 +12,10 @@ class MutexFactory;
 
 // Gives one servicing thread (the endpoint thread) a first-in first-out queue of control
 // messages that any thread may post to, and a wake-up descriptor that the servicing thread's
-// own event loop watches next to its sockets: one byte is written per queued message, and
-// the loop calls serviceMessages() when the descriptor is readable.
+// own event loop watches next to its sockets: one wake-up (a pipe byte, or one count of an
+// eventfd; "byte" below) is written per queued message, and the loop calls
+// serviceMessages() when the descriptor is readable. Queued messages are copies in slots the
+// queue keeps for reuse, so that steady traffic allocates nothing.
 //
 // The queue owns the thread's life: start() creates the thread, which initialises the
 // wake-up descriptor, moves the queue to running and calls the servicer's run(); when run()
@@ -36,8 +36,11 @@ public:
         virtual void run() = 0;
     };
 
-    // A queue entry. service(perform) performs the message only when perform is true (false
-    // discards it) and returns the action's result, 0 when not performed.
+    class Slot;
+
+    // A queue entry, linked into the queue through next_. service(perform) performs the
+    // message only when perform is true (false discards it) and returns the action's result,
+    // 0 when not performed.
     class QueuedMessage {
     public:
         explicit QueuedMessage(ControlMessage* message) : message_(message) {}
@@ -45,19 +48,16 @@ public:
         QueuedMessage(const QueuedMessage&) = delete;
         QueuedMessage& operator=(const QueuedMessage&) = delete;
         virtual int service(bool perform);
+        // The queue's own storage behind an asynchronous entry, to be reused once serviced;
+        // null for an entry that belongs to its poster.
+        virtual Slot* slot() { return nullptr; }
 
     protected:
         ControlMessage* message_;
-    };
 
-    // Owns its (cloned) message; service() deletes the entry and the message, also when the
-    // action throws.
-    class QueuedMessageActionedAsynchronously : public QueuedMessage {
-    public:
-        explicit QueuedMessageActionedAsynchronously(ControlMessage* message)
-            : QueuedMessage(message) {}
-        ~QueuedMessageActionedAsynchronously() override;
-        int service(bool perform) override;
+    private:
+        friend class ControlMessageQueue;
+        QueuedMessage* next_ = nullptr;  // guarded by queueMutex_
     };
 
     // Lives on the posting thread's stack and borrows the message. service() hands the
@@ -115,13 +115,24 @@ public:
 
     // Takes ownership of a heap message (null is ignored). While running, it is queued and
     // performed on the servicing thread. Otherwise it is performed at once on the calling
-    // thread and deleted; an exception from its action propagates to the caller.
+    // thread and deleted; an exception from its action propagates to the caller. Throws
+    // std::bad_alloc, the message deleted and nothing queued, when the queue has to grow
+    // and cannot.
     void postAsynchronously(ControlMessage* message);
+    // The same for a message that stays the caller's: while running, its copy (copyInto())
+    // is queued, in storage the queue keeps for the next message once the copy has been
+    // performed; a message whose copySize() is 0 queues nothing. Not running: performed at
+    // once on the calling thread. Storage is allocated only when more messages are queued
+    // at once than ever before since the start (or one is larger than every free slot):
+    // steady traffic allocates nothing. Throws std::bad_alloc, queueing nothing, when that
+    // allocation fails.
+    void postCopy(ControlMessage& message);
     // postAsynchronously() for the servicing thread itself, whose event loop asks
     // hasUnsignalledMessages() before it waits: the message is queued without a wake-up
     // byte, since nobody waits for one, and saves the loop a write and a read. Only for a
     // loop that asks; on any other thread use postAsynchronously().
     void postFromServicer(ControlMessage* message);
+    void postCopyFromServicer(ControlMessage& message);
     // True when messages queued by postFromServicer() have not been serviced yet; the loop
     // then services the queue without waiting, as it would for a readable descriptor.
     // Servicing thread only.
@@ -129,8 +140,9 @@ public:
 
     // For a servicing loop that says when it is about to block: from announceWaits() on,
     // posts write their wake-up byte only while the loop waits (between beginWait() and
-    // endWait()), since a loop that is busy looks at the queue before it next blocks. A
-    // stream of posts to a busy thread then costs no system call each.
+    // endWait()) and nobody has woken it yet, since a loop that is busy, or about to be,
+    // looks at the queue before it next blocks. A stream of posts to a busy thread then
+    // costs no system call each, and a burst to a sleeping one costs one.
     void announceWaits();
     // Servicing thread, just before it blocks: false when messages are queued (service them
     // instead of blocking); true when it may block until the descriptor is readable.
@@ -195,9 +207,20 @@ protected:
 private:
     enum State : int { kRunning = 0, kStopped = 1, kJoined = 2 };
 
-    // Queues an owned message; signal writes its wake-up byte. Called with queueMutex_ held
-    // while running.
-    void enqueue(std::unique_ptr<ControlMessage>& message, bool signal);
+    // Queues a copy of message in a slot; signal writes its wake-up byte. Called with
+    // queueMutex_ held while running. Throws std::bad_alloc, queueing nothing.
+    void enqueue(const ControlMessage& message, bool signal);
+    // Writes a wake-up unless the loop announces its waits and is not waiting (or has been
+    // woken already). Called with queueMutex_ held while running.
+    void wake();
+    void push(QueuedMessage* entry);
+    QueuedMessage* pop();
+    // A free slot of at least size bytes, or a new one. Throws std::bad_alloc, changing
+    // nothing.
+    Slot* takeSlot(size_t size);
+    void returnSlot(Slot* slot);
+    // Frees the free slots: a stopped queue holds no storage for messages.
+    void releaseSlots();
 
     Servicer* servicer_;
     MutexFactory* factory_ = nullptr;
@@ -207,8 +230,12 @@ private:
     Condition* postersGone_ = nullptr;     // signalled when syncPosters_ drops to 0
     // State below is protected by queueMutex_.
     int state_ = kStopped;
-    std::deque<QueuedMessage*> queue_;
-    int syncPosters_ = 0;  // posters between queueing their entry and returning
+    QueuedMessage* head_ = nullptr;  // the queue: performed from head_, posted behind tail_
+    QueuedMessage* tail_ = nullptr;
+    size_t queued_ = 0;
+    Slot* freeSlots_ = nullptr;  // serviced slots kept for the next messages
+    size_t freeBytes_ = 0;       // their capacity
+    int syncPosters_ = 0;        // posters between queueing their entry and returning
     // Wake-up bytes written and not yet read back: serviceMessages() reads only while some
     // are owed, so an empty pipe is never asked. A byte whose write failed (pipe full) is
     // counted too; the read that finds nothing then sets the count back to 0.
@@ -219,7 +246,8 @@ private:
     // Touched by the servicing thread only: postFromServicer() queued without a byte.
     bool unsignalled_ = false;
     bool announcesWaits_ = false;
-    bool waiting_ = false;  // the servicing thread is, or is about to be, blocked
+    // The servicing thread is, or is about to be, blocked, and no post has woken it yet.
+    bool waiting_ = false;
     // State below is protected by startMutex_.
     bool startPending_ = false;
 };

@@ -3,8 +3,12 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
+#ifdef ZEL_WAKEUP_EVENTFD
+#include <sys/eventfd.h>
+#endif
 
 #include <algorithm>
+#include <cstdint>
 
 #include "messaging/ConditionUNIX.h"
 #include "messaging/Mutex.h"
@@ -15,6 +19,7 @@ namespace messaging {
 
 namespace {
 
+#ifndef ZEL_WAKEUP_EVENTFD
 bool addFlags(int fd, int statusFlags) {
     int flags = fcntl(fd, F_GETFL);
     if (flags < 0 || fcntl(fd, F_SETFL, flags | statusFlags) < 0) return false;
@@ -23,6 +28,7 @@ bool addFlags(int fd, int statusFlags) {
     int fdFlags = fcntl(fd, F_GETFD);
     return fdFlags >= 0 && fcntl(fd, F_SETFD, fdFlags | FD_CLOEXEC) == 0;
 }
+#endif
 
 }  // namespace
 
@@ -70,6 +76,18 @@ bool ControlMessageQueueUNIX::initialiseInThread() {
     thread_ = pthread_self();
     threadRecorded_ = true;
     closeWakeup();
+#ifdef ZEL_WAKEUP_EVENTFD
+    // One descriptor whose counter holds the wake-ups, where the pipe needs two per endpoint
+    // and a byte per post. Measured on the bare hand-off (post, wake, perform, answer) it is
+    // no faster than the pipe: the cost is the sleeping thread's wake-up, not the write. It
+    // is kept for the descriptors it saves (two fewer per endpoint pair); the pipe stays for
+    // systems without it.
+    int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fd < 0) return false;
+    readFd_ = fd;
+    writeFd_ = fd;
+    return true;
+#else
     int fds[2];
     if (pipe(fds) != 0) return false;
     // The read end must not block: select() may report it readable when no byte is left.
@@ -83,6 +101,7 @@ bool ControlMessageQueueUNIX::initialiseInThread() {
     readFd_ = fds[0];
     writeFd_ = fds[1];
     return true;
+#endif
 }
 
 bool ControlMessageQueueUNIX::isServicerThread() {
@@ -92,7 +111,7 @@ bool ControlMessageQueueUNIX::isServicerThread() {
 
 void ControlMessageQueueUNIX::closeWakeup() {
     if (readFd_ >= 0) close(readFd_);
-    if (writeFd_ >= 0) close(writeFd_);
+    if (writeFd_ >= 0 && writeFd_ != readFd_) close(writeFd_);
     readFd_ = -1;
     writeFd_ = -1;
 }
@@ -110,6 +129,35 @@ void ControlMessageQueueUNIX::joinThread() {
     MutexLock lock(queueMutex());
     if (threadRecorded_ && pthread_equal(thread_, thread)) threadRecorded_ = false;
 }
+
+#ifdef ZEL_WAKEUP_EVENTFD
+
+void ControlMessageQueueUNIX::notify() {
+    const uint64_t one = 1;
+    if (write(writeFd_, &one, sizeof one) != sizeof one) {
+        // Counter full or already closed: serviceMessages() does not depend on the count.
+    }
+}
+
+bool ControlMessageQueueUNIX::consumeNotification() {
+    return consumeNotifications(1) == 1;
+}
+
+size_t ControlMessageQueueUNIX::consumeNotifications(size_t count) {
+    // A read takes the whole counter; what was not asked for goes back, so that the
+    // descriptor stays readable for the messages it stands for.
+    uint64_t pending = 0;
+    if (count == 0 || read(readFd_, &pending, sizeof pending) != sizeof pending) return 0;
+    if (pending > count) {
+        const uint64_t rest = pending - count;
+        if (write(writeFd_, &rest, sizeof rest) != sizeof rest) {
+        }
+        return count;
+    }
+    return static_cast<size_t>(pending);
+}
+
+#else
 
 void ControlMessageQueueUNIX::notify() {
     const char zero = 0;
@@ -135,5 +183,7 @@ size_t ControlMessageQueueUNIX::consumeNotifications(size_t count) {
     }
     return total;
 }
+
+#endif
 
 }  // namespace messaging

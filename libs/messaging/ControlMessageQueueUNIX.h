@@ -7,8 +7,9 @@
 
 namespace messaging {
 
-// The POSIX queue: a pipe as the wake-up descriptor, a pthread as the servicing thread, and
-// pthread mutexes and conditions. The pipe exists only while the queue runs.
+// The POSIX queue: an eventfd (where the build found one) or a pipe as the wake-up
+// descriptor, a pthread as the servicing thread, and pthread mutexes and conditions. The
+// descriptor exists only while the queue runs; with an eventfd both ends are the same one.
 class ControlMessageQueueUNIX : public ControlMessageQueue, public MutexFactory {
 public:
     // The servicer is not owned. Throws std::bad_alloc.

@@ -279,7 +279,6 @@ void CDBReader::startCollector(size_t length) {
     copyForced_ = false;
     payloadExpected_ = length;
     payloadCollected_ = 0;
-    payloadBuffer_.reset();
 }
 
 void CDBReader::clearCollector() {
@@ -287,7 +286,6 @@ void CDBReader::clearCollector() {
     copyForced_ = false;
     payloadExpected_ = 0;
     payloadCollected_ = 0;
-    payloadBuffer_.reset();
 }
 
 bool CDBReader::collectPayload() {
@@ -301,8 +299,13 @@ bool CDBReader::collectPayload() {
             return deliverPayload(data);
         }
         // Forced only once the block exists: a failed allocation leaves the state to run
-        // again from its start.
-        payloadBuffer_.reset(new uint8_t[payloadExpected_]);
+        // again from its start. The block is kept for the next split payload, so that a
+        // steady stream allocates nothing; it grows to at most the largest payload.
+        if (payloadCapacity_ < payloadExpected_) {
+            std::unique_ptr<uint8_t[]> larger(new uint8_t[payloadExpected_]);
+            payloadBuffer_ = std::move(larger);
+            payloadCapacity_ = payloadExpected_;
+        }
         copyForced_ = true;
     }
     for (;;) {
@@ -325,7 +328,7 @@ bool CDBReader::deliverPayload(const uint8_t* data) {
     uint16_t serviceId = payloadServiceId_;
     uint8_t accessControl = payloadAccessControl_;
     account(length);
-    std::unique_ptr<uint8_t[]> owned(std::move(payloadBuffer_));
+    // The handler reads the block in place: nothing collects into it before it returns.
     clearCollector();
     fieldsDone();
     log_.debug("Received ServicePayload, service %d (0x%04x), length %d", serviceId, serviceId,

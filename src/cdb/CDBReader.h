@@ -85,6 +85,7 @@ private:
     uint16_t payloadServiceId_;
     uint8_t payloadAccessControl_;
     std::unique_ptr<uint8_t[]> payloadBuffer_;
+    size_t payloadCapacity_ = 0;
     size_t payloadCollected_;
     size_t payloadExpected_;
     bool collecting_;

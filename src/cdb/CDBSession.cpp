@@ -172,6 +172,9 @@ void CDBSession::waitAndDispatch(int timeoutMs) {
     fds[1].events = POLLIN | POLLPRI;
     fds[1].revents = 0;
     bool queued = owner_.hasUnsignalledMessages() || !owner_.beginWait();
+    // Straight to a blocking poll(), with no busy-polling first: spinning 5 or 30 us before
+    // blocking made the application thread's Get 1.3 and 2.3 times slower on a 2-core
+    // machine, the spinning endpoint threads taking the core from the threads they wait for.
     int ready = ::poll(fds, 2, queued ? 0 : timeoutMs < 0 ? -1 : timeoutMs);
     owner_.endWait();
     if (ready < 0 && errno == EINTR) return;

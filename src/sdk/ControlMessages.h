@@ -1,9 +1,17 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <new>
+#include <tuple>
+#include <utility>
 
 #include "cdb/CDBService.h"
+#include "cdb/CDBSession.h"
 #include "messaging/ControlMessage.h"
+#include "sbp/ZELSBPSink.h"
+#include "sbp/ZELSBPSource.h"
 #include "zelcdbsdk.h"
 
 namespace zelcdbsdk {
@@ -19,18 +27,22 @@ enum DispatchKind : int32_t {
     kDispatchQueued = 2,
 };
 
+// The caller's bytes a message refers to. A queued copy points at its own copy of them, in
+// the same storage as the message.
+struct ByteView {
+    const uint8_t* data;
+    uint32_t size;
+};
+
 // Base of every API call that acts on an endpoint. An entry builds one on its stack and
-// hands it to ZELCDBEndpoint::post(); when it has to be queued, clone() gives the heap copy
-// that owns everything it refers to. action() looks up what it needs (the session, a sink or
-// a source) on the calling thread and does nothing when that is absent: only the endpoint
-// thread ever finds a session. It reports nothing back to the API caller.
+// hands it to ZELCDBEndpoint::post(); when it has to be queued, the queue copies it into
+// storage it keeps (copyInto), deep copies included. action() looks up what it needs (the
+// session, a sink or a source) on the calling thread and does nothing when that is absent:
+// only the endpoint thread ever finds a session. It reports nothing back to the API caller.
 class Message : public messaging::ControlMessage {
 public:
     int32_t kind() const { return kind_; }
     ZELCDBEndpoint* endpoint() const { return endpoint_; }
-
-    // The base cannot be queued; every message that may be queued overrides this.
-    messaging::ControlMessage* clone() const override { return nullptr; }
 
 protected:
     Message(int32_t kind, ZELCDBEndpoint* endpoint) : kind_(kind), endpoint_(endpoint) {}
@@ -42,118 +54,161 @@ private:
     ZELCDBEndpoint* endpoint_;  // not owned
 };
 
-// Addresses the SBP sink of a peer service. Always queued.
-class SBPSinkMessage : public Message {
-public:
-    uint16_t serviceId() const { return static_cast<uint16_t>(serviceId_); }
+// What a message acts on, found on the endpoint thread (null elsewhere or when absent).
+CDBSession* findSession(ZELCDBEndpoint* endpoint);
+// The sink attached to a peer service, or null (no session, no sink, or a plain CDB sink).
+ZELSBPSink* findSBPSink(ZELCDBEndpoint* endpoint, uint16_t peerServiceId);
+// The SBP source registered under a local service ID, or null.
+ZELSBPSource* findSBPSource(ZELCDBEndpoint* endpoint, uint16_t localServiceId);
 
-protected:
-    SBPSinkMessage(ZELCDBEndpoint* endpoint, uint16_t peerServiceId)
-        : Message(kDispatchQueued, endpoint), serviceId_(peerServiceId) {}
-    SBPSinkMessage(const SBPSinkMessage&) = default;
+// The session: every argument goes to the method.
+struct ToSession {
+    static constexpr int32_t kKind = kDispatchDirect;
+    template <auto Method, typename... Passed>
+    static void perform(ZELCDBEndpoint* endpoint, Passed&&... passed) {
+        if (CDBSession* session = findSession(endpoint)) {
+            (session->*Method)(std::forward<Passed>(passed)...);
+        }
+    }
+};
+
+// The SBP sink of a peer service, named by the first argument. Always queued, so that a
+// sink or source is never re-entered from inside one of its own callbacks.
+struct ToSink {
+    static constexpr int32_t kKind = kDispatchQueued;
+    template <auto Method, typename... Passed>
+    static void perform(ZELCDBEndpoint* endpoint, uint16_t peerServiceId, Passed&&... passed) {
+        if (ZELSBPSink* sink = findSBPSink(endpoint, peerServiceId)) {
+            (sink->*Method)(std::forward<Passed>(passed)...);
+        }
+    }
+};
+
+// The SBP source of a local service, named by the first argument. Always queued.
+struct ToSource {
+    static constexpr int32_t kKind = kDispatchQueued;
+    template <auto Method, typename... Passed>
+    static void perform(ZELCDBEndpoint* endpoint, uint16_t localServiceId, Passed&&... passed) {
+        if (ZELSBPSource* source = findSBPSource(endpoint, localServiceId)) {
+            (source->*Method)(std::forward<Passed>(passed)...);
+        }
+    }
+};
+
+namespace detail {
+
+// How a stored argument reaches the method: bytes as (data, size), a handler reference as
+// the handler, anything else as it is.
+template <typename T>
+std::tuple<const T&> passed(const T& value) {
+    return std::tuple<const T&>(value);
+}
+inline std::tuple<const uint8_t*, uint32_t> passed(const ByteView& bytes) {
+    return {bytes.data, bytes.size};
+}
+inline std::tuple<CDBService::Handler*> passed(const CDBService::HandlerRef& handler) {
+    return {handler.get()};
+}
+
+// The deep copy of the caller's bytes into the storage behind a queued message.
+template <typename T>
+size_t bytesOf(const T&) {
+    return 0;
+}
+inline size_t bytesOf(const ByteView& bytes) {
+    return bytes.data != nullptr ? bytes.size : 0;
+}
+template <typename T>
+void copyBytes(T&, uint8_t*&) {}
+inline void copyBytes(ByteView& bytes, uint8_t*& storage) {
+    if (bytes.data == nullptr || bytes.size == 0) {
+        bytes.data = nullptr;
+        return;
+    }
+    std::memcpy(storage, bytes.data, bytes.size);
+    bytes.data = storage;
+    storage += bytes.size;
+}
+
+}  // namespace detail
+
+// One API call: performed on the endpoint thread as Target's Method over the arguments the
+// entry was given. A queued copy owns copies of the bytes (ByteView) and a further reference
+// to a handler (CDBService::HandlerRef), so the caller may reuse its buffer, or let go of its
+// handler, as soon as the API call returns.
+template <typename Target, auto Method, typename... Args>
+class Call final : public Message {
+public:
+    template <typename... Given>
+    explicit Call(ZELCDBEndpoint* endpoint, Given&&... given)
+        : Message(Target::kKind, endpoint), args_(std::forward<Given>(given)...) {}
+
+    int action() override {
+        std::apply(
+            [this](const auto&... passed) {
+                Target::template perform<Method>(endpoint(), passed...);
+            },
+            std::apply([](const auto&... args) { return std::tuple_cat(detail::passed(args)...); },
+                       args_));
+        return 0;
+    }
+
+    size_t copySize() const override {
+        return std::apply(
+            [](const auto&... args) {
+                return sizeof(Call) + (size_t{0} + ... + detail::bytesOf(args));
+            },
+            args_);
+    }
+
+    messaging::ControlMessage* copyInto(void* storage) const override {
+        static_assert(alignof(Call) <= alignof(std::max_align_t), "queue storage alignment");
+        Call* copy = new (storage) Call(*this);
+        uint8_t* bytes = static_cast<uint8_t*>(storage) + sizeof(Call);
+        std::apply([&bytes](auto&... args) { (detail::copyBytes(args, bytes), ...); }, copy->args_);
+        return copy;
+    }
 
 private:
-    uint32_t serviceId_;
+    Call(const Call&) = default;
+
+    std::tuple<Args...> args_;
 };
 
-// Addresses the SBP source of a local service. Always queued.
-class SBPSourceMessage : public Message {
-public:
-    uint16_t serviceId() const { return static_cast<uint16_t>(serviceId_); }
+// The endpoint's commands.
+using StopMessage = Call<ToSession, &CDBSession::terminate>;
+using SendStartServiceMessage = Call<ToSession, &CDBSession::startPeerService, uint16_t>;
+using SendStopServiceMessage = Call<ToSession, &CDBSession::stopPeerService, uint16_t>;
+using SendServicePayloadMessage =
+    Call<ToSession, &CDBSession::sendServicePayload, uint16_t, ByteView>;
+using SendServiceResponseMessage =
+    Call<ToSession, &CDBSession::sendServiceResponse, uint16_t, uint16_t>;
+// Attaches a sink handler to a peer service. A handler that never reaches the session is
+// freed with the last message that carried it.
+using AddSinkMessage = Call<ToSession, &CDBSession::addSink, uint16_t, CDBService::HandlerRef>;
 
-protected:
-    SBPSourceMessage(ZELCDBEndpoint* endpoint, uint16_t localServiceId)
-        : Message(kDispatchQueued, endpoint), serviceId_(localServiceId) {}
-    SBPSourceMessage(const SBPSourceMessage&) = default;
+// The SBP sink's commands: (peer service ID, then the method's arguments).
+using SBPSendGetMessage = Call<ToSink, &ZELSBPSink::sendGet, uint16_t, void*, uint32_t>;
+using SBPSendSetMessage = Call<ToSink, &ZELSBPSink::sendSet, uint16_t, void*, uint32_t, ByteView>;
+using SBPSendSubscribeMessage =
+    Call<ToSink, &ZELSBPSink::sendSubscribe, uint16_t, void*, uint32_t, uint32_t, uint32_t>;
+using SBPSendCancelMessage =
+    Call<ToSink, &ZELSBPSink::sendCancel, uint16_t, void*, uint32_t, uint32_t>;
+using SBPSendAliveMessage = Call<ToSink, &ZELSBPSink::sendAlive, uint16_t, void*, int32_t>;
+using SBPSendServiceAuthResponseMessage =
+    Call<ToSink, &ZELSBPSink::sendServiceAuthResponse, uint16_t, void*, uint32_t, uint32_t,
+         uint32_t, ByteView>;
 
-private:
-    uint32_t serviceId_;
-};
-
-// Asks the session to end its loop (ByeBye when connected).
-class StopMessage : public Message {
-public:
-    explicit StopMessage(ZELCDBEndpoint* endpoint) : Message(kDispatchDirect, endpoint) {}
-    int action() override;
-    messaging::ControlMessage* clone() const override;
-};
-
-class SendStartServiceMessage : public Message {
-public:
-    SendStartServiceMessage(ZELCDBEndpoint* endpoint, uint16_t serviceId)
-        : Message(kDispatchDirect, endpoint), serviceId_(serviceId) {}
-    int action() override;
-    messaging::ControlMessage* clone() const override;
-
-private:
-    uint16_t serviceId_;
-};
-
-class SendStopServiceMessage : public Message {
-public:
-    SendStopServiceMessage(ZELCDBEndpoint* endpoint, uint16_t serviceId)
-        : Message(kDispatchDirect, endpoint), serviceId_(serviceId) {}
-    int action() override;
-    messaging::ControlMessage* clone() const override;
-
-private:
-    uint16_t serviceId_;
-};
-
-// Refers to the caller's bytes; its clone owns a copy of them, so the caller may reuse its
-// buffer as soon as the API call returns.
-class SendServicePayloadMessage : public Message {
-public:
-    SendServicePayloadMessage(ZELCDBEndpoint* endpoint, uint16_t serviceId, const uint8_t* data,
-                              uint32_t length)
-        : Message(kDispatchDirect, endpoint), serviceId_(serviceId), data_(data), length_(length) {}
-    int action() override;
-    // Throws std::bad_alloc when the copy cannot be made.
-    messaging::ControlMessage* clone() const override;
-
-    const uint8_t* data() const { return data_; }
-    uint32_t length() const { return length_; }
-
-protected:
-    SendServicePayloadMessage(const SendServicePayloadMessage&) = default;
-    void setData(const uint8_t* data) { data_ = data; }
-
-private:
-    uint16_t serviceId_;
-    const uint8_t* data_;  // not owned
-    uint32_t length_;
-};
-
-class SendServiceResponseMessage : public Message {
-public:
-    SendServiceResponseMessage(ZELCDBEndpoint* endpoint, uint16_t serviceId, uint16_t response)
-        : Message(kDispatchDirect, endpoint), serviceId_(serviceId), response_(response) {}
-    int action() override;
-    messaging::ControlMessage* clone() const override;
-
-private:
-    uint16_t serviceId_;
-    uint32_t response_;
-};
-
-// Attaches a sink handler to a peer service. Every instance, the caller's and each clone,
-// holds one reference to the handler, so a handler that never reaches the session is freed
-// with the last message that carried it.
-class AddSinkMessage : public Message {
-public:
-    AddSinkMessage(ZELCDBEndpoint* endpoint, uint16_t peerServiceId, CDBService::Handler* handler)
-        : Message(kDispatchDirect, endpoint), serviceId_(peerServiceId), handler_(handler) {}
-    int action() override;
-    messaging::ControlMessage* clone() const override;
-
-    CDBService::Handler* handler() const { return handler_.get(); }
-
-private:
-    AddSinkMessage(const AddSinkMessage&) = default;
-
-    uint16_t serviceId_;
-    CDBService::HandlerRef handler_;
-};
+// The SBP source's answers: (local service ID, then the method's arguments). The source
+// finds the request by (command, uid); the entries' request context is not carried.
+using SBPSendGetResponseMessage = Call<ToSource, &ZELSBPSource::sendGetResponse, uint16_t, uint32_t,
+                                       uint32_t, uint32_t, ByteView>;
+using SBPSendSetResponseMessage =
+    Call<ToSource, &ZELSBPSource::sendSetResponse, uint16_t, uint32_t, uint32_t>;
+using SBPSendSubscribeResponseMessage =
+    Call<ToSource, &ZELSBPSource::sendSubscribeResponse, uint16_t, uint32_t, uint32_t>;
+using SBPSendServiceAuthChallengeMessage =
+    Call<ToSource, &ZELSBPSource::sendServiceAuthChallenge, uint16_t, uint32_t, uint32_t, ByteView>;
 
 }  // namespace ControlMessages
 }  // namespace zelcdbsdk

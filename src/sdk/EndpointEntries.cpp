@@ -108,8 +108,8 @@ ZELCDBError endpointSendServicePayload(ZELCDBEndpoint* endpoint, uint16_t servic
     // else is wrong with the call.
     if (length > kMaxServicePayloadLength) return ZELCDBErrorInvalidParameter;
     if (data == nullptr && length > 0) return ZELCDBErrorInvalidParameter;
-    return postCommand<ControlMessages::SendServicePayloadMessage>(endpoint, serviceId, data,
-                                                                   length);
+    return postCommand<ControlMessages::SendServicePayloadMessage>(
+        endpoint, serviceId, ControlMessages::ByteView{data, length});
 }
 
 ZELCDBError endpointSendServiceResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId,

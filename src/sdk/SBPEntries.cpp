@@ -12,7 +12,6 @@
 #include "sbp/ZELSBPSource.h"
 #include "sdk/ControlMessages.h"
 #include "sdk/ErrorFrame.h"
-#include "sdk/SBPControlMessages.h"
 #include "sdk/ZELCDBEndpoint.h"
 
 namespace zelcdbsdk {
@@ -77,7 +76,7 @@ ZELCDBError sinkSendGet(ZELCDBEndpoint* endpoint, uint16_t serviceId, void* cont
 ZELCDBError sinkSendSet(ZELCDBEndpoint* endpoint, uint16_t serviceId, void* context, uint32_t uid,
                         const uint8_t* data, uint32_t size) {
     if (badBuffer(data, size)) return ZELCDBErrorInvalidParameter;
-    return post<SBPSendSetMessage>(endpoint, serviceId, context, uid, data, size);
+    return post<SBPSendSetMessage>(endpoint, serviceId, context, uid, ByteView{data, size});
 }
 
 ZELCDBError sinkSendSubscribe(ZELCDBEndpoint* endpoint, uint16_t serviceId, void* context,
@@ -96,7 +95,7 @@ ZELCDBError sinkSendServiceAuthResponse(ZELCDBEndpoint* endpoint, uint16_t servi
                                         const uint8_t* data, uint32_t size) {
     if (badBuffer(data, size)) return ZELCDBErrorInvalidParameter;
     return post<SBPSendServiceAuthResponseMessage>(endpoint, serviceId, context, command, uid,
-                                                   result, data, size);
+                                                   result, ByteView{data, size});
 }
 
 ZELCDBError sinkSendAlive(ZELCDBEndpoint* endpoint, uint16_t serviceId, void* context,
@@ -104,35 +103,35 @@ ZELCDBError sinkSendAlive(ZELCDBEndpoint* endpoint, uint16_t serviceId, void* co
     return post<SBPSendAliveMessage>(endpoint, serviceId, context, intervalSeconds);
 }
 
-ZELCDBError sourceSendGetResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId, void* context,
+ZELCDBError sourceSendGetResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId, void*,
                                   uint32_t command, uint32_t uid, uint32_t result,
                                   const uint8_t* data, uint32_t size) {
     // The in-progress marker is the source's own to send.
     if (result == kSBPResultInProgress || badBuffer(data, size)) {
         return ZELCDBErrorInvalidParameter;
     }
-    return post<SBPSendGetResponseMessage>(endpoint, serviceId, context, command, uid, result, data,
-                                           size);
+    return post<SBPSendGetResponseMessage>(endpoint, serviceId, command, uid, result,
+                                           ByteView{data, size});
 }
 
-ZELCDBError sourceSendSetResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId, void* context,
-                                  uint32_t uid, uint32_t result) {
+ZELCDBError sourceSendSetResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId, void*, uint32_t uid,
+                                  uint32_t result) {
     if (result == kSBPResultInProgress) return ZELCDBErrorInvalidParameter;
-    return post<SBPSendSetResponseMessage>(endpoint, serviceId, context, uid, result);
+    return post<SBPSendSetResponseMessage>(endpoint, serviceId, uid, result);
 }
 
-ZELCDBError sourceSendSubscribeResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId, void* context,
+ZELCDBError sourceSendSubscribeResponse(ZELCDBEndpoint* endpoint, uint16_t serviceId, void*,
                                         uint32_t uid, uint32_t result) {
     if (result == kSBPResultInProgress) return ZELCDBErrorInvalidParameter;
-    return post<SBPSendSubscribeResponseMessage>(endpoint, serviceId, context, uid, result);
+    return post<SBPSendSubscribeResponseMessage>(endpoint, serviceId, uid, result);
 }
 
-ZELCDBError sourceSendServiceAuthChallenge(ZELCDBEndpoint* endpoint, uint16_t serviceId,
-                                           void* context, uint32_t command, uint32_t uid,
-                                           const uint8_t* data, uint32_t size) {
+ZELCDBError sourceSendServiceAuthChallenge(ZELCDBEndpoint* endpoint, uint16_t serviceId, void*,
+                                           uint32_t command, uint32_t uid, const uint8_t* data,
+                                           uint32_t size) {
     if (badBuffer(data, size)) return ZELCDBErrorInvalidParameter;
-    return post<SBPSendServiceAuthChallengeMessage>(endpoint, serviceId, context, command, uid,
-                                                    data, size);
+    return post<SBPSendServiceAuthChallengeMessage>(endpoint, serviceId, command, uid,
+                                                    ByteView{data, size});
 }
 
 }  // namespace

@@ -56,9 +56,13 @@ private:
 };
 
 // Nothing to perform: its only effect is the wake-up byte that queueing it writes.
-class WakeMessage : public messaging::ControlMessage {
+class WakeMessage final : public messaging::ControlMessage {
 public:
     int action() override { return 0; }
+    size_t copySize() const override { return sizeof(WakeMessage); }
+    messaging::ControlMessage* copyInto(void* storage) const override {
+        return new (storage) WakeMessage;
+    }
 };
 
 }  // namespace
@@ -193,9 +197,9 @@ void ZELCDBEndpoint::post(Message& message) {
         // queue before it next waits (and what is left when the thread ends is performed
         // then).
         if (onEndpointThread()) {
-            queue_.postFromServicer(message.clone());
+            queue_.postCopyFromServicer(message);
         } else {
-            queue_.postAsynchronously(message.clone());
+            queue_.postCopy(message);
         }
         return;
     }
@@ -207,7 +211,8 @@ void ZELCDBEndpoint::post(Message& message) {
 }
 
 void ZELCDBEndpoint::wakeLoop() {
-    queue_.postAsynchronously(new WakeMessage);
+    WakeMessage message;
+    queue_.postCopy(message);
 }
 
 CDBSession* ZELCDBEndpoint::session() {
@@ -396,17 +401,29 @@ void ZELCDBEndpoint::servicesRequestTimedOut() {
 void ZELCDBEndpoint::log(int level, const char* facility, const char* format, va_list args) {
     auto callback = callbacks_.logCallback;
     if (!callback) return;
-    plat::DString text;
+    // The endpoint thread formats into a buffer it keeps, so that a line per message does
+    // not cost an allocation per message; a line logged from inside the log callback, while
+    // that buffer is being read, gets one of its own.
+    bool endpointThread = onEndpointThread();
+    bool kept = endpointThread && !lineInUse_;
+    plat::DString own;
+    plat::DString& text = kept ? line_ : own;
     try {
         text.formatV(format, args);
     } catch (const std::bad_alloc&) {
         return;  // a lost line is better than a failed call
     }
-    if (!onEndpointThread()) {
+    if (!endpointThread) {
         // No depth to count off the endpoint thread, and nothing here touches the endpoint
         // once the application returns (it may have destroyed it from the callback).
         callback(this, context_, facility, level, text.c_str());
         return;
     }
+    struct InUse {
+        bool& flag;
+        bool was;
+        ~InUse() { flag = was; }
+    } inUse{lineInUse_, lineInUse_};
+    lineInUse_ = true;
     callApplication([&] { callback(this, context_, facility, level, text.c_str()); });
 }

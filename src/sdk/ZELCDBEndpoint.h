@@ -15,6 +15,7 @@
 #include "messaging/ControlMessageQueueUNIX.h"
 #include "messaging/Mutex.h"
 #include "mirrorlink/CDBUrl.h"
+#include "plat/DString.h"
 #include "plat/Logger.h"
 #include "zelcdbsdk.h"
 
@@ -76,8 +77,9 @@ public:
 
     // The dispatch rule of every control message, from any thread. While running: performed
     // at once on the endpoint thread when its kind allows it (kind 1 outside callbacks),
-    // otherwise cloned and queued. Not running: performed at once on the calling thread, any
-    // exception swallowed. Throws std::bad_alloc when the clone cannot be queued.
+    // otherwise copied into the queue's storage and queued. Not running: performed at once on
+    // the calling thread, any exception swallowed. Throws std::bad_alloc when the queue has
+    // to grow for the copy and cannot.
     void post(zelcdbsdk::ControlMessages::Message& message);
 
     // The running test: the queue's state, read under its mutex.
@@ -160,6 +162,8 @@ private:
     // State below is touched by the endpoint thread only.
     std::unique_ptr<zelcdbsdk::CDBSession> session_;
     int32_t callbackDepth_ = 0;
+    plat::DString line_;      // the log line being delivered
+    bool lineInUse_ = false;  // line_ is being read by the log callback
 
     // Threads started so far (each one counts itself as it begins to run), and whether the
     // current one has left its session for good. Written by the endpoint thread, read under

@@ -17,20 +17,27 @@ struct TrackedHandler : CDBService::Handler {
     bool* alive;
 };
 
-// The creator, the caller's message and each clone hold one reference each: the handler
-// lives exactly as long as the last of them.
+// Storage as the queue gives it: aligned for any message.
+struct Storage {
+    alignas(std::max_align_t) unsigned char bytes[256];
+};
+
+// The creator, the caller's message and each queued copy hold one reference each: the
+// handler lives exactly as long as the last of them.
 TEST(ControlMessages, AddSinkMessagesEachHoldAHandlerReference) {
     bool alive = false;
     CDBService::HandlerRef creator = CDBService::HandlerRef::adopt(new TrackedHandler(&alive));
     std::unique_ptr<AddSinkMessage> message(new AddSinkMessage(nullptr, 0x4001, creator.get()));
-    std::unique_ptr<messaging::ControlMessage> first(message->clone());
-    std::unique_ptr<messaging::ControlMessage> second(first->clone());
+    Storage a, b;
+    ASSERT_LE(message->copySize(), sizeof a.bytes);
+    messaging::ControlMessage* first = message->copyInto(a.bytes);
+    messaging::ControlMessage* second = first->copyInto(b.bytes);
     EXPECT_EQ(message->kind(), kDispatchDirect);
     creator = CDBService::HandlerRef();
     message.reset();
-    first.reset();
+    first->~ControlMessage();
     EXPECT_TRUE(alive);
-    second.reset();
+    second->~ControlMessage();
     EXPECT_FALSE(alive);
 }
 
