@@ -323,6 +323,13 @@ class Alone(Case):
              r":2: element 't': arrays cannot hold \"string\""),
             ('{"elements": [{"name": "a", "type": "int"}]}', r":1: element 'a': no \"value\""),
             ('{"elments": []}', r":1: unknown key \"elments\""),
+            # Inside an array of structures and inside a member.
+            ('{"elements": [{"name": "t", "type": "array", "value": [],\n "items": {"type": '
+             '"structure", "colour": 1, "members": [{"name": "x", "type": "int"}]}}]}',
+             r":2: element 't': unknown key \"colour\""),
+            ('{"elements": [{"name": "p", "type": "structure", "value": {"x": 1},\n "members": '
+             '[{"name": "x", "type": "int", "unit": "m"}]}]}',
+             r":2: element 'p': unknown key \"unit\""),
             ('{"elements": [{"name": "a", "type": "int", "value": 1}],\n "service": "a:b"}',
              r":2: bad service 'a:b': expected NAME or NAME:MAJOR\.MINOR"),
             (None, r": cannot read the element file: No such file or directory$"),
@@ -334,8 +341,19 @@ class Alone(Case):
                 if text is not None:
                     with open(path, "w") as f:
                         f.write(text)
-                rows.append((["serve", "cdb://127.0.0.1:1", "--elements", path], ELEMENT_FILE,
-                             [], "^zelcdb: " + re.escape(path) + message))
+                # A client loads the file before it connects: a file that loads by mistake
+                # ends in a refused connection, not in a server that runs on.
+                rows.append((["get", free_url(), "svc", "p", "--elements", path, "--timeout", 200],
+                             ELEMENT_FILE, [], "^zelcdb: " + re.escape(path) + message))
+            # Two structures may share a member name: the file loads, and only the connection
+            # (to a port nobody listens on) fails.
+            shared = os.path.join(folder, "shared.json")
+            with open(shared, "w") as f:
+                f.write('{"elements": [' + ", ".join(
+                    f'{{"name": "{n}", "type": "structure", "value": {{"x": 1}}, '
+                    '"members": [{"name": "x", "type": "int"}]}' for n in "pq") + "]}")
+            rows.append((["get", free_url(), "svc", "p", "--elements", shared, "--timeout", 200],
+                         CONNECTION, [], r"cannot connect"))
             self.table(rows)
 
     def test_bad_command_lines_say_why_on_one_line(self):
