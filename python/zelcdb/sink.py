@@ -378,12 +378,28 @@ class _LoopQueue:
             pass
 
 
+_ENDED = object()  # what _value_of() gives for the update that ends a subscription
+
+
 class Subscription:
     """An accepted subscription: iterate it for the updates' values, or cancel() it."""
 
     def __init__(self, sink, key, request, count, timeout):
         self.sink, self._key, self._request = sink, key, request
         self.count, self.timeout, self.active = count, timeout, True
+
+    def _timed_out(self):
+        return ZelcdbError(TIMEOUT, what=f"no update within {self.timeout} s")
+
+    def _value_of(self, item):
+        """An update's value; _ENDED once a Cancel has ended the subscription; an error the
+        source sent instead is raised. Shared by the plain and the asyncio iteration."""
+        if isinstance(item, ZelcdbError):
+            self.active = False
+            if item.code == REMOTE_SBP_ERROR and item.result == n.RESULT_CANCELLED:
+                return _ENDED
+            raise item
+        return self.sink._value(self._request.uid, item)
 
     def __iter__(self):
         received = 0
@@ -392,15 +408,12 @@ class Subscription:
                 try:
                     item = self._request.updates.get(timeout=self.timeout)
                 except queue.Empty:
-                    raise ZelcdbError(TIMEOUT, what="no update within "
-                                                    f"{self.timeout} s") from None
-                if isinstance(item, ZelcdbError):
-                    self.active = False
-                    if item.code == REMOTE_SBP_ERROR and item.result == n.RESULT_CANCELLED:
-                        return
-                    raise item
+                    raise self._timed_out() from None
+                value = self._value_of(item)
+                if value is _ENDED:
+                    return
                 received += 1
-                yield self.sink._value(self._request.uid, item)
+                yield value
         finally:
             self.cancel()
 
@@ -412,15 +425,12 @@ class Subscription:
                     item = await asyncio.wait_for(self._request.updates.queue.get(),
                                                   self.timeout)
                 except asyncio.TimeoutError:
-                    raise ZelcdbError(TIMEOUT, what="no update within "
-                                                    f"{self.timeout} s") from None
-                if isinstance(item, ZelcdbError):
-                    self.active = False
-                    if item.code == REMOTE_SBP_ERROR and item.result == n.RESULT_CANCELLED:
-                        return
-                    raise item
+                    raise self._timed_out() from None
+                value = self._value_of(item)
+                if value is _ENDED:
+                    return
                 received += 1
-                yield self.sink._value(self._request.uid, item)
+                yield value
         finally:
             if self.active:
                 self.active = False
