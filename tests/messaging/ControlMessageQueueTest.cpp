@@ -112,6 +112,7 @@ struct Queue : messaging::ControlMessageQueue::Servicer, ControlMessageQueueUNIX
         notified.bump();
         ControlMessageQueueUNIX::notify();
     }
+    using ControlMessageQueueUNIX::consumeNotifications;
     // With wakeGate set, a woken synchronous poster lets go of the queue mutex until
     // wakeGate is bumped, and bumps rewoken once it holds the mutex again.
     struct SlowWake : messaging::ConditionUNIX {
@@ -298,29 +299,11 @@ TEST(ControlMessageQueue, FailedStartUpLeavesTheQueueStoppedAndALaterStartWorks)
     EXPECT_EQ(queue.inStartUp.count(), 3);
 }
 
-// Runs post() with its nth allocation failing; returns whether that allocation was reached,
-// having checked that the post threw std::bad_alloc exactly when it was.
-template <typename Fn>
-bool failingAllocation(unsigned n, Fn&& post) {
-    bool threw = false, triggered;
-    {
-        zeltest::FailNthAllocation failure(n);
-        try {
-            post();
-        } catch (const std::bad_alloc&) {
-            threw = true;
-        }
-        triggered = failure.triggered();
-    }
-    EXPECT_EQ(threw, triggered) << "allocation " << n;
-    return triggered;
-}
-
 // Every allocation of every post fails once in turn, while the loop is held so that the
-// queue itself has to grow: each failure throws std::bad_alloc at once with the message
-// freed and nothing queued, and every post that went through is performed once, in order.
-// Once the loop has caught up, as many posts again find their storage kept and allocate
-// nothing. A synchronous post whose allocations fail never runs its action.
+// queue itself has to grow: each failure throws std::bad_alloc with the message freed and
+// nothing queued, and every post that went through is performed once, in order. Once the
+// loop has caught up, as many posts again find their storage kept and allocate nothing. A
+// synchronous post whose allocation fails never runs its action.
 TEST(ControlMessageQueue, AllocationFailureInAPostFreesTheMessageAndQueuesNothing) {
     Queue queue;
     ASSERT_NO_FATAL_FAILURE(queue.startAndWait());
@@ -330,42 +313,42 @@ TEST(ControlMessageQueue, AllocationFailureInAPostFreesTheMessageAndQueuesNothin
         return released.waitFor(1) ? 0 : -1;
     }));
     ASSERT_TRUE(entered.waitFor(1));
-    constexpr int kPosts = 300;
     std::vector<int> performed, expected;  // performed: servicing thread only until join()
-    int failures = 0;
-    for (int k = 0; k < kPosts; ++k) {
-        expected.push_back(k);
-        for (unsigned n = 1;; ++n) {
-            auto* message =
-                new FnMessage([&performed, k] { return performed.push_back(k), 0; }, &freed);
-            int freedBefore = freed.count();
-            if (!failingAllocation(n, [&] { queue.postAsynchronously(message); })) break;
-            EXPECT_EQ(freed.count(), freedBefore + 1) << "post " << k << ", allocation " << n;
-            ++failures;
+    int failures = 0, runs = 0;
+    // Whether post() reached its nth allocation, which must then have thrown std::bad_alloc.
+    auto fails = [&](unsigned n, const std::function<void()>& post) {
+        zeltest::FailNthAllocation failure(n);
+        bool threw = false;
+        try {
+            post();
+        } catch (const std::bad_alloc&) {
+            threw = true;
         }
-    }
-    released.bump();
-    FnMessage caughtUp([] { return 0; });
-    queue.postSynchronously(caughtUp);
-    for (int k = kPosts; k < 2 * kPosts; ++k) {
-        expected.push_back(k);
+        EXPECT_EQ(threw, failure.triggered()) << "allocation " << n;
+        return failure.triggered();
+    };
+    auto post = [&](int k, unsigned n) {
         auto* message =
             new FnMessage([&performed, k] { return performed.push_back(k), 0; }, &freed);
-        EXPECT_FALSE(failingAllocation(1, [&] { queue.postAsynchronously(message); })) << k;
+        return fails(n, [&] { queue.postAsynchronously(message); });
+    };
+    for (int k = 0; k < 300; ++k) {
+        expected.push_back(k);
+        for (unsigned n = 1; post(k, n); ++n, ++failures) EXPECT_EQ(freed.count(), failures + 1);
     }
-    int runs = 0, result = -1;
-    FnMessage sync([&] { return ++runs; });
-    unsigned n = 1;
-    for (; failingAllocation(n, [&] { result = queue.postSynchronously(sync); }); ++n) {
-        EXPECT_EQ(runs, 0) << n;
-        ASSERT_LT(n, 20u);
+    released.bump();
+    FnMessage caughtUp([] { return 0; }), sync([&] { return ++runs; });
+    queue.postSynchronously(caughtUp);
+    for (int k = 300; k < 600; ++k) {
+        expected.push_back(k);
+        EXPECT_FALSE(post(k, 1)) << k;
     }
-    EXPECT_GE(n, 2u);
-    EXPECT_EQ(result, 1);
+    EXPECT_TRUE(fails(1, [&] { queue.postSynchronously(sync); }));
+    EXPECT_EQ(runs, 0);
     queue.stopAndJoin();
     EXPECT_EQ(performed, expected);
-    EXPECT_EQ(freed.count(), 2 * kPosts + failures);
-    EXPECT_EQ(failures, kPosts);
+    EXPECT_EQ(failures, 300);
+    EXPECT_EQ(freed.count(), 600 + failures);
 }
 
 // How the servicing thread takes its queue, as a trace of what was performed and of the
@@ -438,6 +421,16 @@ TEST_F(Batch, WakeUpBytes) {
                       queue.postAsynchronously(noting("b"));
                   }),
               (Seen{"before: 3", "failed, freed 1: 2", "a", "b", "after: 0"}));
+
+    // A read of fewer wake-ups than are pending leaves the rest on the descriptor (an
+    // eventfd's read takes the whole counter, so the rest is written back).
+    EXPECT_EQ(run(
+                  [&] {
+                      queue.notify(), queue.notify(), queue.notify();
+                      note(std::to_string(queue.consumeNotifications(1)));
+                  },
+                  [] {}),
+              (Seen{"1: 2"}));
 
     // A loop that announces its waits hears of every post: those made while it is busy by
     // finding the queue not empty when it is about to block, those made while it blocks by
