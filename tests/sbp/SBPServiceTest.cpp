@@ -224,9 +224,7 @@ TEST(SBPServiceTest, WithoutTheCallbackTheSinkRefusesEveryChallenge) {
 TEST(SBPServiceTest, SinkPacketIdsWrapPastThoseInUseAndRunOut) {
     SBPScript script(true);
     script.run("");
-    script.tracing = false;
     for (uint32_t uid = 1; uid <= 0xFFFF; ++uid) script.sink->sendGet(nullptr, uid);
-    script.tracing = true;
     EXPECT_EQ(script.run("get 10000; Response #7 7; Response #3 3; get 10001; get 10002; "
                          "get 10003"),
               "error b1 10000 13 1000000a | data b1 7 | data b1 3 | Get #3 10001 | "
