@@ -10,11 +10,13 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 #include <type_traits>
 
 #include "FailingAllocator.h"
 #include "TestText.h"
+#include "sbp/SBPFloatBits.h"
 #include "zelcdbsdk.h"
 
 namespace sbptest {
@@ -529,6 +531,51 @@ TEST(DeserializerTest, CallbacksMayWalkAgainOnTheSameDeserializer) {
                                      " 00000003 85 00000007 81")),
               kOk);
     EXPECT_EQ(r.trace, "S1:2 s2:4F4B i3:7 E1");
+}
+
+// Both float paths, the bit copy and the arithmetic construction other hosts take, against
+// the bit pattern itself (NaNs made quiet), both ways, over every exponent and random
+// patterns: checking each path against the pattern keeps the two from drifting together.
+template <typename F>
+void expectBothFloatPathsKeepEveryPattern() {
+    using namespace zelcdbsdk;
+    using L = SBPFloatLayout<F>;
+    using Bits = typename L::Bits;
+    size_t failures = 0;
+    auto check = [&](Bits pattern) {
+        bool isNaN = (pattern & ~L::kSign) > L::kExponentMask;
+        Bits expected = isNaN ? (pattern & L::kSign) | L::kExponentMask | L::kQuietBit : pattern;
+        F value, decoded[2] = {sbpFloatFromBitsArithmetic<F>(pattern),
+                               sbpFloatFromBitsCopied<F>(pattern)};
+        std::memcpy(&value, &pattern, sizeof value);
+        Bits results[4] = {sbpFloatBitsArithmetic(value), sbpFloatBitsCopied(value)};
+        std::memcpy(&results[2], decoded, sizeof decoded);
+        for (Bits result : results) {
+            if (result != expected && ++failures <= 5) ADD_FAILURE() << std::hex << pattern;
+        }
+    };
+    for (Bits e = 0; e < 2 << (L::kTotalBits - 1 - L::kFractionBits); ++e) {
+        Bits high = e << L::kFractionBits;  // every exponent, with and without the sign
+        // Each fraction bit and its neighbours: with a zero exponent, the subnormal boundaries.
+        for (int k = 1; k < L::kFractionBits; ++k) {
+            for (Bits f : {(Bits(1) << k) - 1, Bits(1) << k, (Bits(1) << k) + 1}) check(high | f);
+        }
+        for (Bits f : {Bits(0), L::kFractionMask / 3, L::kFractionMask}) check(high | f);
+    }
+    std::mt19937_64 random(20240611);
+    for (int i = 0; i < 500000; ++i) {
+        Bits pattern = static_cast<Bits>(random());
+        check(pattern);
+        check(pattern & (L::kSign | L::kFractionMask));  // as many subnormals
+    }
+}
+
+TEST(CodecTest, BothFloatPathsKeepEveryFloatAndDoublePattern) {
+    if (!zelcdbsdk::sbpFloatBitsNative<float>() || !zelcdbsdk::sbpFloatBitsNative<double>()) {
+        GTEST_SKIP();
+    }
+    expectBothFloatPathsKeepEveryPattern<float>();
+    expectBothFloatPathsKeepEveryPattern<double>();
 }
 
 }  // namespace

@@ -1,11 +1,85 @@
-// The per-request rules of SBP sinks and sources: what the peer or the application does, and
-// what the unit must send and report because of it.
+// SBP packets, the request table, and the per-request rules of sinks and sources: what the
+// peer or the application does, and what the unit must send and report because of it.
 #include <gtest/gtest.h>
 
 #include "SBPScript.h"
+#include "plat/RecordingLogger.h"
+#include "sbp/SBPRequest.h"
 
 namespace sbptest {
 namespace {
+
+using zelcdbsdk::SBPRequest;
+
+TEST(SBPPacket, LayoutPayloadInPlaceAndEachFaultWithItsDebugLine) {
+    EXPECT_EQ(zeltest::hex(encode("Subscribe #506 1020304 100000a"), ""),
+              "B30000000F010203040506"
+              "0100000A"
+              "00000000B0");
+    EXPECT_EQ(zeltest::hex(encode("Response #1 7 +1"), ""),
+              "B90000000C000000070001"
+              "00000000"
+              "01B0");
+    // A length of 15 or less means "no payload" to every peer, so one to four payload bytes
+    // are written but not delivered; SBP data is never that short.
+    for (size_t n : {0, 1, 4, 5, 8100}) {
+        std::string text = format("Response #ffff deadbeef 10000000 +%zu", n);
+        Bytes wire = encode(text);
+        zelcdbsdk::SBPPacket p;
+        ASSERT_EQ(zelcdbsdk::readSBPPacket(wire.data(), wire.size(), {"test", nullptr}, &p), 0);
+        EXPECT_EQ(wire.size(), n == 0 ? 20 : 16 + n);
+        EXPECT_EQ(describe(p), n > 4 ? text : "Response #ffff deadbeef 10000000");
+        EXPECT_EQ(p.payload, n > 4 ? wire.data() + 15 : nullptr);
+    }
+    const char* const faults[][2] = {
+        {"", "Truncated SBP command"},  // a null buffer
+        {"B1 0000000F 00000005 0009 000000", "Truncated SBP command"},
+        {"B1 00000010 00000005 0009 00000000 00000000 B0", "Truncated SBP packet"},
+        {"B1 0000000F 00000005 0009 00000000 00000000 B1", "SBP command missing end marker"},
+        {"B1 0000000F 00000005 0009 00000000 00000000 B0 B0",
+         "Excess trailing data after SBP packet"},
+    };
+    for (auto [hex, line] : faults) {
+        zeltest::RecordingLogger logger;
+        zelcdbsdk::SBPPacket p;
+        Bytes wire = zeltest::parseHex(hex);
+        EXPECT_EQ(zelcdbsdk::readSBPPacket(wire.empty() ? nullptr : wire.data(),
+                                           wire.empty() ? 20 : wire.size(), {"S", &logger}, &p),
+                  line[0] == 'E' ? ZELCDBErrorNone : ZELCDBErrorInvalidSBPPacket);
+        ASSERT_FALSE(logger.lines.empty());
+        EXPECT_EQ(logger.lines.back().text, line);
+        EXPECT_EQ(logger.lines.back().level, plat::kLogDebug);
+    }
+}
+
+// Sinks and sources never give the table a clash, so these rules only show from here.
+TEST(SBPRequestTable, BothIndexesAlwaysAgree) {
+    struct Owner : zelcdbsdk::SBPRequestOwner {
+        int requestTimedOut(SBPRequest&) override { return 0; }
+    } owner, other;
+    plat::TimerManager timers;
+    zelcdbsdk::SBPRequestTable table;
+    auto add = [&](uint32_t command, uint32_t uid, uint16_t id, Owner& by) -> SBPRequest& {
+        return table.add(table.newRequest(&by, command, uid, id), 5000);
+    };
+    add(0xB1, 10, 1, owner);
+    add(0xB3, 10, 2, owner);
+    // Same (command, uid) under a new packetId: the old record goes entirely.
+    add(0xB1, 10, 3, owner);
+    EXPECT_EQ(table.findByPacketId(1), nullptr);
+    EXPECT_EQ(table.find(0xB1, 10)->packetId, 3);
+    // Same packetId for another (command, uid): the old key must not find the new record.
+    add(0xB2, 11, 2, owner);
+    EXPECT_EQ(table.find(0xB3, 10), nullptr);
+    EXPECT_EQ(table.size(), 2u);
+    // The record kept from a removal goes back only to its own owner.
+    table.remove(*table.findByPacketId(3));
+    EXPECT_EQ(table.find(0xB1, 10), nullptr);
+    EXPECT_EQ(add(0xB1, 12, 4, other).owner(), &other);
+    EXPECT_EQ(add(0xB1, 10, 5, owner).owner(), &owner);
+    table.clear();
+    EXPECT_FALSE(timers.hasTimers());  // no timer outlives its record
+}
 
 struct Row {
     const char* rule;
@@ -117,25 +191,20 @@ const Row kSourceRows[] = {
      "subscribe 6 0 3e8 | Response #1 6 | 1000: get b3 6 | "
      "1000: ! Warning: error getting update for period subscription | "
      "1000: Response #1 6 10000006"},
-    {"interval 0 is refused unless the application sets one", "Subscribe #1 5",
-     "subscribe 5 0 0 | ! Warning: invalid interval requested | Response #1 5 10000003"},
-    {"the application's interval counts", "interval 3e8; Subscribe #1 5; +1000",
-     "subscribe 5 0 0 | Response #1 5 | 1000: get b3 5 | 1000: Response #1 5"},
-    {"an interval past 24 bits is refused", "interval 1000000; Subscribe #1 5 3e8",
-     "subscribe 5 0 3e8 | ! Warning: invalid interval requested | Response #1 5 10000003"},
-    {"on change, interval 1: no ticks", "Subscribe #1 5 1000001; +5",
-     "subscribe 5 1 1 | Response #1 5"},
-    {"the longest interval is allowed", "Subscribe #1 5 1ffffff",
-     "subscribe 5 1 ffffff | Response #1 5"},
-    {"type 2 the application leaves open", "Subscribe #1 5 2000064",
+    {"intervals: 0 unless the application sets one, at most 24 bits, none needed on change",
+     "Subscribe #1 5; Subscribe #2 6 1000001; Subscribe #3 7 1ffffff; interval 1000000; "
+     "Subscribe #4 8 3e8; interval 3e8; Subscribe #5 9; +1000",
+     "subscribe 5 0 0 | ! Warning: invalid interval requested | Response #1 5 10000003 | "
+     "subscribe 6 1 1 | Response #2 6 | subscribe 7 1 ffffff | Response #3 7 | "
+     "subscribe 8 0 3e8 | ! Warning: invalid interval requested | Response #4 8 10000003 | "
+     "subscribe 9 0 0 | Response #5 9 | 1000: get b3 9 | 1000: Response #5 9"},
+    {"type 2 the application must make periodic or on change; type 3 never reaches it",
+     "Subscribe #1 5 2000064; Subscribe #2 6 30003e8; type 1; Subscribe #3 7 20003e8; type 0; "
+     "Subscribe #4 8 20003e8; +1000",
      "subscribe 5 2 64 | ! Warning: application failed to indicate subscription type | "
-     "Response #1 5 10000004"},
-    {"type 2 made periodic", "type 0; Subscribe #1 5 20003e8; +1000",
-     "subscribe 5 2 3e8 | Response #1 5 | 1000: get b3 5 | 1000: Response #1 5"},
-    {"type 2 made on change", "type 1; Subscribe #1 5 20003e8; +1000",
-     "subscribe 5 2 3e8 | Response #1 5"},
-    {"type 3 never reaches the application", "Subscribe #1 5 30003e8",
-     "! Warning: invalid subscription type requested | Response #1 5 10000004"},
+     "Response #1 5 10000004 | ! Warning: invalid subscription type requested | "
+     "Response #2 6 10000004 | subscribe 7 2 3e8 | Response #3 7 | subscribe 8 2 3e8 | "
+     "Response #4 8 | 1000: get b3 8 | 1000: Response #4 8"},
     {"a subscription refused or failed",
      "answer now 1000000c; Subscribe #1 5 3e8; answer fail; Subscribe #2 6 3e8",
      "subscribe 5 0 3e8 | Response #1 5 1000000c | subscribe 6 0 3e8 | "
