@@ -12,14 +12,10 @@ namespace {
 using zelcdbsdk::SBPRequest;
 
 TEST(SBPPacket, LayoutPayloadInPlaceAndEachFaultWithItsDebugLine) {
-    EXPECT_EQ(zeltest::hex(encode("Subscribe #506 1020304 100000a"), ""),
-              "B30000000F010203040506"
-              "0100000A"
-              "00000000B0");
-    EXPECT_EQ(zeltest::hex(encode("Response #1 7 +1"), ""),
-              "B90000000C000000070001"
-              "00000000"
-              "01B0");
+    EXPECT_EQ(encode("Subscribe #506 1020304 100000a"),
+              zeltest::parseHex("B3 0000000F 01020304 0506 0100000A 00000000 B0"));
+    EXPECT_EQ(encode("Response #1 7 +1"),
+              zeltest::parseHex("B9 0000000C 00000007 0001 00000000 01 B0"));
     // A length of 15 or less means "no payload" to every peer, so one to four payload bytes
     // are written but not delivered; SBP data is never that short.
     for (size_t n : {0, 1, 4, 5, 8100}) {
@@ -101,14 +97,14 @@ const Row kSinkRows[] = {
      "Response #1 7 1000000b; Response #2 7; subscribe 7 0 3e8",
      "Subscribe #1 7 3e8 | subscribed@u 7 | data@u b3 7 +6 | Cancel #2 7 b3 | "
      "error@u b3 7 14 1000000b | cancelled@c b3 7 | Subscribe #3 7 3e8"},
-    {"a second request for the same element is refused before it leaves",
-     "get 5; get 5 @d; set 5 +6", "Get #1 5 | error@d b1 5 13 10000008 | Set #2 5 +6"},
+    {"a second request for the same element is refused before it leaves; a refusal below the "
+     "in-progress mark stops the service",
+     "get 5; get 5 @d; set 5 +6; Response #1 5 fffffff; Response #2 5 10000009",
+     "Get #1 5 | error@d b1 5 13 10000008 | Set #2 5 +6 | error b1 5 14 fffffff | StopService | "
+     "error b2 5 14 10000009"},
     {"answers to another element or packetId are ignored; in progress restarts the 5 s",
      "get 5; Response #1 6; Response #9 5; +4999; Response #1 5 10000000; +4999; +1; get 5",
      "Get #1 5 | 9999: error b1 5 12 0 | Get #2 5"},
-    {"a refusal below the in-progress mark stops the service",
-     "get 5; Response #1 5 fffffff; get 6; Response #2 6 10000009",
-     "Get #1 5 | error b1 5 14 fffffff | StopService | Get #2 6 | error b1 6 14 10000009"},
     {"an unanswered Subscribe is cancelled and the Cancel's answer reaches no one",
      "subscribe 5 0 3e8 @u; +4999; +1; Response #2 5; Response #1 5; subscribe 5 0 3e8",
      "Subscribe #1 5 3e8 | 5000: error@u b3 5 12 0 | 5000: Cancel #2 5 b3 | "
@@ -162,16 +158,15 @@ const Row kSourceRows[] = {
      "answer later; Get #1 5; +3999; +1; +4000; reply b1 5 0 +9; +4000; reply b1 5 0",
      "get b1 5 | 4000: Response #1 5 10000000 | 8000: Response #1 5 10000000 | "
      "Response #1 5 +9"},
-    {"a Set answered later; a second answer finds no record",
-     "answer later; Set #2 6 +5; setdone 6 1000000c; setdone 6 0",
-     "set 6 +5 | Response #2 6 1000000c"},
+    {"a Set answered later, a second answer finds no record; a packetId the peer reuses "
+     "replaces the request that held it",
+     "answer later; Set #2 6 +5; setdone 6 1000000c; setdone 6 0; Get #1 5; Set #1 6 +6; "
+     "reply b1 5 0; setdone 6 0",
+     "set 6 +5 | Response #2 6 1000000c | get b1 5 | set 6 +6 | Response #1 6"},
     {"a second request for a pending element is refused; a Cancel ends the first",
      "answer later; Get #1 5; Get #2 5; Set #3 5 +6; Cancel #4 5 b1; Get #5 5",
      "get b1 5 | ! command 177 / 5 already pending | Response #2 5 10000008 | set 5 +6 | "
      "Response #1 5 1000000b | cancel b1 5 | Response #4 5 | get b1 5"},
-    {"a packetId the peer reuses replaces the request that held it",
-     "answer later; Get #1 5; Set #1 6 +6; reply b1 5 0; setdone 6 0",
-     "get b1 5 | set 6 +6 | Response #1 6"},
     {"unknown commands, a Response, and Cancels of nothing are answered so",
      "0xba #1 5; Response #2 5; Cancel #3 5 b3; Cancel #4 5 ba; Cancel #5 5 b0",
      "Response #1 5 1000000d | Response #2 5 1000000d | Response #3 5 10000009 | "
@@ -205,19 +200,17 @@ const Row kSourceRows[] = {
      "Response #1 5 10000004 | ! Warning: invalid subscription type requested | "
      "Response #2 6 10000004 | subscribe 7 2 3e8 | Response #3 7 | subscribe 8 2 3e8 | "
      "Response #4 8 | 1000: get b3 8 | 1000: Response #4 8"},
-    {"a subscription refused or failed",
-     "answer now 1000000c; Subscribe #1 5 3e8; answer fail; Subscribe #2 6 3e8",
-     "subscribe 5 0 3e8 | Response #1 5 1000000c | subscribe 6 0 3e8 | "
-     "Response #2 6 10000002"},
+    {"a subscription refused, failed, or refused later is forgotten",
+     "answer now 1000000c; Subscribe #1 5 3e8; answer fail; Subscribe #2 6 3e8; answer later; "
+     "Subscribe #3 7 3e8; subscribed 7 10000002; +8000",
+     "subscribe 5 0 3e8 | Response #1 5 1000000c | subscribe 6 0 3e8 | Response #2 6 10000002 | "
+     "subscribe 7 0 3e8 | Response #3 7 10000002"},
     {"a subscription accepted later ticks from then on; a second answer is ignored",
      "answer later; Subscribe #1 5 3e8; +4000; answer now 0; subscribed 5 0; "
      "subscribed 5 0; +1000; subscribed 9 0",
      "subscribe 5 0 3e8 | 4000: Response #1 5 10000000 | Response #1 5 | "
      "! Warning: ignoring second response to subscribe | 5000: get b3 5 | "
      "5000: Response #1 5"},
-    {"a subscription refused later is forgotten",
-     "answer later; Subscribe #1 5 3e8; subscribed 5 10000002; +8000",
-     "subscribe 5 0 3e8 | Response #1 5 10000002"},
     {"a challenge's answer reaches the application, which then owes the data",
      "answer later; Get #1 6; challenge b1 6 +6; AuthResponse #1 5 +6; AuthResponse #2 6; "
      "AuthResponse #1 6 10000002 +6; AuthResponse #1 6; +3999; +1; reply b1 6 0 +9",
@@ -278,9 +271,8 @@ TEST(SBPServiceTest, SinkRows) {
 }
 
 TEST(SBPServiceTest, SourceRows) {
-    for (const Row& row : kSourceRows) {
+    for (const Row& row : kSourceRows)
         EXPECT_EQ(SBPScript(false).run(row.steps), row.trace) << row.rule;
-    }
 }
 
 TEST(SBPServiceTest, WithoutTheCallbackTheSinkRefusesEveryChallenge) {
