@@ -232,29 +232,27 @@ private:
         return answer_;
     }
 
+    // The callbacks' words: m a command, u a UID, d and n a payload, r a request's context.
     using E = ZELCDBEndpoint;
     using Id = uint16_t;
     using U = uint32_t;
     using P = const uint8_t*;
     static ZELSBPSinkCallbacks sinkTable() {
         ZELSBPSinkCallbacks t{};
-        t.serviceStatusCallback = [](E*, void*, Id, void* c, Id s) {
-            call(c, "status", nullptr, {s});
+        t.serviceStatusCallback = [](E*, void*, Id, void* c, Id s) { call(c, "status", 0, {s}); };
+        t.dataCallback = [](E*, Id, void* c, void* r, U m, U u, P d, int32_t n) {
+            call(c, "data", r, {m, u}, d, n);
         };
-        t.dataCallback = [](E*, Id, void* c, void* r, U command, U uid, P data, int32_t size) {
-            call(c, "data", r, {command, uid}, data, size);
-        };
-        t.setDoneCallback = [](E*, Id, void* c, void* r, U uid) { call(c, "setdone", r, {uid}); };
+        t.setDoneCallback = [](E*, Id, void* c, void* r, U u) { call(c, "setdone", r, {u}); };
         t.subscribedCallback = [](E*, Id, void* c, void* r, U u) { call(c, "subscribed", r, {u}); };
-        t.cancelledCallback = [](E*, Id, void* c, void* r, U command, U uid) {
-            call(c, "cancelled", r, {command, uid});
+        t.cancelledCallback = [](E*, Id, void* c, void* r, U m, U u) {
+            call(c, "cancelled", r, {m, u});
         };
-        t.errorCallback = [](E*, Id, void* c, void* r, U command, U uid, ZELCDBError e, U result) {
-            call(c, "error", r, {command, uid}, nullptr, 0, format(" %d %x", e, result));
+        t.errorCallback = [](E*, Id, void* c, void* r, U m, U u, ZELCDBError e, U result) {
+            call(c, "error", r, {m, u}, nullptr, 0, format(" %d %x", e, result));
         };
-        t.authChallengeCallback = [](E*, Id, void* c, void* r, U command, U uid, P data,
-                                     int32_t size) {
-            call(c, "challenge", r, {command, uid}, data, size);
+        t.authChallengeCallback = [](E*, Id, void* c, void* r, U m, U u, P d, int32_t n) {
+            call(c, "challenge", r, {m, u}, d, n);
         };
         t.aliveResponseCallback = [](E*, Id, void* c, void* r) { call(c, "alive", r, {}); };
         return t;
@@ -262,30 +260,27 @@ private:
     static ZELSBPSourceCallbacks sourceTable() {
         ZELSBPSourceCallbacks t{};
         t.serviceStartCallback = [](E*, void*, Id, void* c, uint8_t, uint8_t) {
-            return call(c, "started", nullptr, {}).refuse_;
+            return call(c, "started", 0, {}).refuse_;
         };
         t.serviceStopCallback = [](E*, void*, Id, void* c) {
-            return call(c, "stopped", nullptr, {}).refuse_;
+            return call(c, "stopped", 0, {}).refuse_;
         };
-        t.serviceTerminatedCallback = [](E*, Id, void* c) { call(c, "terminated", nullptr, {}); };
-        t.getCallback = [](E*, Id, void* c, U command, U uid, U* result) {
-            return call(c, "get", nullptr, {command, uid}).answer(result);
+        t.serviceTerminatedCallback = [](E*, Id, void* c) { call(c, "terminated", 0, {}); };
+        t.getCallback = [](E*, Id, void* c, U m, U u, U* result) {
+            return call(c, "get", 0, {m, u}).answer(result);
         };
-        t.setCallback = [](E*, Id, void* c, U uid, P data, int32_t size, U* result) {
-            return call(c, "set", nullptr, {uid}, data, size).answer(result);
+        t.setCallback = [](E*, Id, void* c, U u, P d, int32_t n, U* result) {
+            return call(c, "set", 0, {u}, d, n).answer(result);
         };
-        t.subscribeCallback = [](E*, Id, void* c, U uid, U* type, U* interval, U* result) {
-            SBPScript& s = call(c, "subscribe", nullptr, {uid, *type, *interval});
+        t.subscribeCallback = [](E*, Id, void* c, U u, U* type, U* interval, U* result) {
+            SBPScript& s = call(c, "subscribe", 0, {u, *type, *interval});
             if (s.type_ >= 0) *type = static_cast<U>(s.type_);
             if (s.interval_) *interval = s.interval_;
             return s.answer(result);
         };
-        t.cancelCallback = [](E*, Id, void* c, U command, U uid) {
-            call(c, "cancel", nullptr, {command, uid});
-        };
-        t.authResponseCallback = [](E*, Id, void* c, void*, U command, U uid, U result, P data,
-                                    int32_t size) {
-            call(c, "auth", nullptr, {command, uid, result}, data, size);
+        t.cancelCallback = [](E*, Id, void* c, U m, U u) { call(c, "cancel", 0, {m, u}); };
+        t.authResponseCallback = [](E*, Id, void* c, void*, U m, U u, U result, P d, int32_t n) {
+            call(c, "auth", 0, {m, u, result}, d, n);
         };
         return t;
     }
