@@ -1,10 +1,8 @@
-// The serializer and deserializer through the function table. Rows of kBothWays run both
-// ways: the calls must give the bytes, and the bytes must give the calls back as the trace.
-// The other cases are the rules of one side only: refused calls and their codes, the odd
-// counting rules peers rely on, error precedence, re-entry and allocation failures.
-//
-// The serializer is driven by a one-line call language, and the deserializer's callbacks
-// write their events back in the same language, so that a trace reads (and runs) as a script.
+// The serializer and deserializer through the function table, driven by a one-line call
+// language in which the deserializer's callbacks also write their trace. Rows of kBothWays
+// run both ways: the calls must give the bytes, and the bytes the calls back. The other cases
+// are one side's rules: refused calls and their codes, the odd counting rules peers rely on,
+// error precedence, allocation failures, and the float encoding's two paths.
 #include <gtest/gtest.h>
 
 #include <cinttypes>

@@ -1,20 +1,17 @@
 #pragma once
 
 // One SBP sink or source alone on a manual clock. The test plays the peer and the
-// application in steps written as text, and reads back one trace of everything the unit sent
-// and told the application, in the order it happened.
+// application in steps written as text, separated by "; ", and reads back one trace of
+// everything the unit sent and told the application, items joined by " | ".
 //
 // Packets read "<Name> #<packetId> <uid> [<commandValue>] [+<n>]", numbers in hex, the value
 // left out when 0, +n a payload of n bytes 01 02 03 ... ("+?n" in a trace: other bytes).
-// Steps, separated by "; ": a packet (or raw <hex>) the peer sends; +<ms> of time; the sink's
-// application: get, set, subscribe, cancel, alive, auth (see step()), a last word @<label>
-// being the request's context; the source's application: how it answers from now on
-// (answer later | now <result> | fail, type, interval, refuse) and its late answers (reply,
-// subscribed, setdone, challenge); the session: status (to a sink), start, stop (to a
-// source), end, nosession, new (first step only: the service is not started).
-// The trace: sent packets, "ServiceResponse <code>", "StopService", the callbacks ("get b1 5",
-// "data@g b1 5 +8"; a "?" marks one made outside the host's callback bracket), "! <text>"
-// for each warning or error logged; "<ms>: " before an item a timer caused.
+// A step is a packet (or raw <hex>) the peer sends, +<ms> of time, an application's call or
+// answer (see step(); a last word @<label> is a sink request's context), or the session's
+// end, nosession, or new (first step only: the service is not started). The trace holds the
+// packets sent, "ServiceResponse <code>", "StopService", the callbacks ("data@g b1 5 +8"; a
+// "?" marks one made outside the host's callback bracket), "! <text>" for each warning or
+// error logged, and "<ms>: " before an item a timer caused.
 
 #include <algorithm>
 #include <cstdarg>
