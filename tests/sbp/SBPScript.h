@@ -1,33 +1,21 @@
 #pragma once
 
 // One SBP sink or source alone on a manual clock. The test plays the peer and the
-// application in steps written as text, and reads back one trace of everything the unit sent
-// and told the application, in the order it happened.
+// application in steps written as text, separated by "; ", and reads back one trace of
+// everything the unit sent and told the application, items joined by " | ".
 //
 // Packets read "<Name> #<packetId> <uid> [<commandValue>] [+<n>]", numbers in hex, the value
 // left out when 0, +n a payload of n bytes 01 02 03 ... ("+?n" in a trace: other bytes).
-// Steps, separated by "; ":
-//   a packet, or raw <hex>   the peer sends it
-//   +<ms>                    time passes
-//   the sink's application:  get <uid> | set <uid> +n | subscribe <uid> <type> <interval>
-//       | cancel <uid> <command> | alive <seconds> | auth <command> <uid> <result> [+n],
-//       a last word @<label> being the request's context, shown in the callbacks about it
-//   the source's application, how it answers from now on: answer later | answer now <result>
-//       | answer fail | type <t> | interval <i> | refuse (start and stop); and its late
-//       answers: reply <command> <uid> <result> [+n] | subscribed <uid> <result>
-//       | setdone <uid> <result> | challenge <command> <uid> [+n]
-//   the session: status <code> (to a sink) | start | stop (to a source) | end | nosession
-//       | new (first step only: the service is not started)
-// The trace: sent packets, "ServiceResponse <code>", "StopService", the callbacks ("get b1 5",
-// "data@g b1 5 +8"; a "?" marks one made outside the host's callback bracket) and
-// "! <text>" for each warning or error logged; "<ms>: " before an item a timer caused, the
-// time since the first step.
+// A step is a packet (or raw <hex>) the peer sends, +<ms> of time, an application's call or
+// answer (see step(); a last word @<label> is a sink request's context), or the session's
+// end, nosession, or new (first step only: the service is not started). The trace holds the
+// packets sent, "ServiceResponse <code>", "StopService", the callbacks ("data@g b1 5 +8"; a
+// "?" marks one made outside the host's callback bracket), "! <text>" for each warning or
+// error logged, and "<ms>: " before an item a timer caused.
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdlib>
 #include <deque>
-#include <initializer_list>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -67,7 +55,7 @@ inline std::string describe(const zelcdbsdk::SBPPacket& p) {
            (p.commandValue ? format(" %x", p.commandValue) : "") +
            payloadText(p.payload, p.payloadSize);
 }
-// A step or packet in the notation above: its first word, numbers in hex ('#' skipped),
+// A step or packet in the notation above: its first two words, numbers in hex ('#' skipped),
 // a payload size and a label.
 struct Words {
     std::string verb, how, label;
@@ -124,17 +112,13 @@ public:
             end = std::min(steps.find("; ", at), steps.size());
             step(steps.substr(at, end - at));
         }
-        std::string joined;
-        for (const std::string& item : trace_) joined += (joined.empty() ? "" : " | ") + item;
-        return joined;
+        return trace_.substr(std::min<size_t>(3, trace_.size()));
     }
 
     ZELSBPSink* sink = nullptr;
     ZELSBPSource* source = nullptr;
     ZELSBPSinkCallbacks sinkCallbacks = sinkTable();
     ZELSBPSourceCallbacks sourceCallbacks = sourceTable();
-    plat::ManualClock clock;
-    bool tracing = true;
 
     // The host, as the unit sees it.
     ZELCDBEndpoint* endpointHandle() override { return nullptr; }
@@ -176,36 +160,38 @@ private:
         Words w = parse(text);
         const std::string& verb = w.verb;
         const uint32_t* n = w.n;
-        const size_t size = w.size;
         void* context = w.label.empty() ? nullptr : &labels_.emplace_back(w.label);
-        const Bytes payload = pattern(size);
+        const Bytes payload = pattern(w.size);
         const uint8_t* data = payload.data();
         if (verb[0] == '+') {
             elapsedMs_ += std::atoi(verb.c_str() + 1);
-            clock.advanceMs(std::atoi(verb.c_str() + 1));
+            clock_.advanceMs(std::atoi(verb.c_str() + 1));
             timersFiring_ = true;
             timers_.processTimers();
             timersFiring_ = false;
-        } else if (verb == "raw") {
-            Bytes bytes = zeltest::parseHex(text.substr(4));
-            unit_->servicePayload(bytes.data(), bytes.size());
-        } else if (std::isupper(static_cast<unsigned char>(verb[0])) || verb[0] == '0') {
-            Bytes bytes = encode(text);
+        } else if (verb == "raw" || std::isupper(static_cast<unsigned char>(verb[0])) ||
+                   verb[0] == '0') {
+            Bytes bytes = verb == "raw" ? zeltest::parseHex(text.substr(4)) : encode(text);
             unit_->servicePayload(bytes.data(), bytes.size());
         } else if (verb == "end") {
             unit_->sessionEnded();
         } else if (verb == "nosession") {
             session_ = false;
         } else if (sink) {
+            // get <uid> | set <uid> +n | subscribe <uid> <type> <interval> | cancel <uid>
+            // <command> | alive <seconds> | auth <command> <uid> <result> [+n] | status <code>
             if (verb == "get") sink->sendGet(context, n[0]);
-            if (verb == "set") sink->sendSet(context, n[0], data, size);
+            if (verb == "set") sink->sendSet(context, n[0], data, w.size);
             if (verb == "subscribe") sink->sendSubscribe(context, n[0], n[1], n[2]);
             if (verb == "cancel") sink->sendCancel(context, n[0], n[1]);
             if (verb == "alive") sink->sendAlive(context, static_cast<int32_t>(n[0]));
             if (verb == "auth")
-                sink->sendServiceAuthResponse(context, n[0], n[1], n[2], data, size);
+                sink->sendServiceAuthResponse(context, n[0], n[1], n[2], data, w.size);
             if (verb == "status") sink->serviceResponse(static_cast<uint16_t>(n[0]));
         } else {
+            // answer later | answer now <result> | answer fail | type <t> | interval <i> |
+            // refuse; reply <command> <uid> <result> [+n] | subscribed <uid> <result> |
+            // setdone <uid> <result> | challenge <command> <uid> [+n] | start | stop
             if (verb == "answer") {
                 answer_ = w.how == "later"  ? ZELCDBErrorNone
                           : w.how == "fail" ? ZELCDBErrorFailed
@@ -215,17 +201,17 @@ private:
             if (verb == "type") type_ = static_cast<int>(n[0]);
             if (verb == "interval") interval_ = n[0];
             if (verb == "refuse") refuse_ = 1;
-            if (verb == "reply") source->sendGetResponse(n[0], n[1], n[2], data, size);
+            if (verb == "reply") source->sendGetResponse(n[0], n[1], n[2], data, w.size);
             if (verb == "subscribed") source->sendSubscribeResponse(n[0], n[1]);
             if (verb == "setdone") source->sendSetResponse(n[0], n[1]);
-            if (verb == "challenge") source->sendServiceAuthChallenge(n[0], n[1], data, size);
+            if (verb == "challenge") source->sendServiceAuthChallenge(n[0], n[1], data, w.size);
             if (verb == "start") source->startService({1, 0});
             if (verb == "stop") source->stopService();
         }
     }
 
     void note(const std::string& item) {
-        if (tracing) trace_.push_back(timersFiring_ ? format("%d: ", elapsedMs_) + item : item);
+        trace_ += " | " + (timersFiring_ ? format("%d: ", elapsedMs_) + item : item);
     }
     // One callback's item: "<word>[@<context>] <numbers in hex> [+n]<tail>".
     static SBPScript& call(void* self, const char* word, void* context,
@@ -243,80 +229,68 @@ private:
         return answer_;
     }
 
+    // The callbacks' words: m a command, u a UID, d and n a payload, r a request's context.
     using E = ZELCDBEndpoint;
+    using Id = uint16_t;
+    using U = uint32_t;
+    using P = const uint8_t*;
     static ZELSBPSinkCallbacks sinkTable() {
         ZELSBPSinkCallbacks t{};
-        t.serviceStatusCallback = [](E*, void*, uint16_t, void* c, uint16_t status) {
-            call(c, "status", nullptr, {status});
+        t.serviceStatusCallback = [](E*, void*, Id, void* c, Id s) { call(c, "status", 0, {s}); };
+        t.dataCallback = [](E*, Id, void* c, void* r, U m, U u, P d, int32_t n) {
+            call(c, "data", r, {m, u}, d, n);
         };
-        t.dataCallback = [](E*, uint16_t, void* c, void* r, uint32_t command, uint32_t uid,
-                            const uint8_t* data, int32_t size) {
-            call(c, "data", r, {command, uid}, data, size);
+        t.setDoneCallback = [](E*, Id, void* c, void* r, U u) { call(c, "setdone", r, {u}); };
+        t.subscribedCallback = [](E*, Id, void* c, void* r, U u) { call(c, "subscribed", r, {u}); };
+        t.cancelledCallback = [](E*, Id, void* c, void* r, U m, U u) {
+            call(c, "cancelled", r, {m, u});
         };
-        t.setDoneCallback = [](E*, uint16_t, void* c, void* r, uint32_t uid) {
-            call(c, "setdone", r, {uid});
+        t.errorCallback = [](E*, Id, void* c, void* r, U m, U u, ZELCDBError e, U result) {
+            call(c, "error", r, {m, u}, nullptr, 0, format(" %d %x", e, result));
         };
-        t.subscribedCallback = [](E*, uint16_t, void* c, void* r, uint32_t uid) {
-            call(c, "subscribed", r, {uid});
+        t.authChallengeCallback = [](E*, Id, void* c, void* r, U m, U u, P d, int32_t n) {
+            call(c, "challenge", r, {m, u}, d, n);
         };
-        t.cancelledCallback = [](E*, uint16_t, void* c, void* r, uint32_t command, uint32_t uid) {
-            call(c, "cancelled", r, {command, uid});
-        };
-        t.errorCallback = [](E*, uint16_t, void* c, void* r, uint32_t command, uint32_t uid,
-                             ZELCDBError error, uint32_t result) {
-            call(c, "error", r, {command, uid}, nullptr, 0, format(" %d %x", error, result));
-        };
-        t.authChallengeCallback = [](E*, uint16_t, void* c, void* r, uint32_t command, uint32_t uid,
-                                     const uint8_t* data, int32_t size) {
-            call(c, "challenge", r, {command, uid}, data, size);
-        };
-        t.aliveResponseCallback = [](E*, uint16_t, void* c, void* r) { call(c, "alive", r, {}); };
+        t.aliveResponseCallback = [](E*, Id, void* c, void* r) { call(c, "alive", r, {}); };
         return t;
     }
     static ZELSBPSourceCallbacks sourceTable() {
         ZELSBPSourceCallbacks t{};
-        t.serviceStartCallback = [](E*, void*, uint16_t, void* c, uint8_t, uint8_t) {
-            return call(c, "started", nullptr, {}).refuse_;
+        t.serviceStartCallback = [](E*, void*, Id, void* c, uint8_t, uint8_t) {
+            return call(c, "started", 0, {}).refuse_;
         };
-        t.serviceStopCallback = [](E*, void*, uint16_t, void* c) {
-            return call(c, "stopped", nullptr, {}).refuse_;
+        t.serviceStopCallback = [](E*, void*, Id, void* c) {
+            return call(c, "stopped", 0, {}).refuse_;
         };
-        t.serviceTerminatedCallback = [](E*, uint16_t, void* c) {
-            call(c, "terminated", nullptr, {});
+        t.serviceTerminatedCallback = [](E*, Id, void* c) { call(c, "terminated", 0, {}); };
+        t.getCallback = [](E*, Id, void* c, U m, U u, U* result) {
+            return call(c, "get", 0, {m, u}).answer(result);
         };
-        t.getCallback = [](E*, uint16_t, void* c, uint32_t command, uint32_t uid,
-                           uint32_t* result) {
-            return call(c, "get", nullptr, {command, uid}).answer(result);
+        t.setCallback = [](E*, Id, void* c, U u, P d, int32_t n, U* result) {
+            return call(c, "set", 0, {u}, d, n).answer(result);
         };
-        t.setCallback = [](E*, uint16_t, void* c, uint32_t uid, const uint8_t* data, int32_t size,
-                           uint32_t* result) {
-            return call(c, "set", nullptr, {uid}, data, size).answer(result);
-        };
-        t.subscribeCallback = [](E*, uint16_t, void* c, uint32_t uid, uint32_t* type,
-                                 uint32_t* interval, uint32_t* result) {
-            SBPScript& s = call(c, "subscribe", nullptr, {uid, *type, *interval});
-            if (s.type_ >= 0) *type = static_cast<uint32_t>(s.type_);
+        t.subscribeCallback = [](E*, Id, void* c, U u, U* type, U* interval, U* result) {
+            SBPScript& s = call(c, "subscribe", 0, {u, *type, *interval});
+            if (s.type_ >= 0) *type = static_cast<U>(s.type_);
             if (s.interval_) *interval = s.interval_;
             return s.answer(result);
         };
-        t.cancelCallback = [](E*, uint16_t, void* c, uint32_t command, uint32_t uid) {
-            call(c, "cancel", nullptr, {command, uid});
-        };
-        t.authResponseCallback = [](E*, uint16_t, void* c, void*, uint32_t command, uint32_t uid,
-                                    uint32_t result, const uint8_t* data, int32_t size) {
-            call(c, "auth", nullptr, {command, uid, result}, data, size);
+        t.cancelCallback = [](E*, Id, void* c, U m, U u) { call(c, "cancel", 0, {m, u}); };
+        t.authResponseCallback = [](E*, Id, void* c, void*, U m, U u, U result, P d, int32_t n) {
+            call(c, "auth", 0, {m, u, result}, d, n);
         };
         return t;
     }
 
     bool isSink_;
-    plat::ScopedClock useClock_{&clock};
+    plat::ManualClock clock_;
+    plat::ScopedClock useClock_{&clock_};
     plat::ScopedCurrentLogger useLog_{this};
     plat::TimerManager timers_;
     rdr::MemOutStream wire_;
     zelcdbsdk::CDBWriter writer_{wire_, nullptr};
     zelcdbsdk::CDBService::Handler* unit_ = nullptr;
-    std::vector<std::string> trace_;
+    std::string trace_;
     std::deque<std::string> labels_;
     int depth_ = 0;
     int elapsedMs_ = 0;

@@ -1,11 +1,81 @@
-// The per-request rules of SBP sinks and sources: what the peer or the application does, and
-// what the unit must send and report because of it.
+// SBP packets, the request table, and the per-request rules of sinks and sources: what the
+// peer or the application does, and what the unit must send and report because of it.
 #include <gtest/gtest.h>
 
 #include "SBPScript.h"
+#include "plat/RecordingLogger.h"
+#include "sbp/SBPRequest.h"
 
 namespace sbptest {
 namespace {
+
+using zelcdbsdk::SBPRequest;
+
+TEST(SBPPacket, LayoutPayloadInPlaceAndEachFaultWithItsDebugLine) {
+    EXPECT_EQ(encode("Subscribe #506 1020304 100000a"),
+              zeltest::parseHex("B3 0000000F 01020304 0506 0100000A 00000000 B0"));
+    EXPECT_EQ(encode("Response #1 7 +1"),
+              zeltest::parseHex("B9 0000000C 00000007 0001 00000000 01 B0"));
+    // A length of 15 or less means "no payload" to every peer, so one to four payload bytes
+    // are written but not delivered; SBP data is never that short.
+    for (size_t n : {0, 1, 4, 5, 8100}) {
+        std::string text = format("Response #ffff deadbeef 10000000 +%zu", n);
+        Bytes wire = encode(text);
+        zelcdbsdk::SBPPacket p;
+        ASSERT_EQ(zelcdbsdk::readSBPPacket(wire.data(), wire.size(), {"test", nullptr}, &p), 0);
+        EXPECT_EQ(wire.size(), n == 0 ? 20 : 16 + n);
+        EXPECT_EQ(describe(p), n > 4 ? text : "Response #ffff deadbeef 10000000");
+        EXPECT_EQ(p.payload, n > 4 ? wire.data() + 15 : nullptr);
+    }
+    const char* const faults[][2] = {
+        {"", "Truncated SBP command"},  // a null buffer
+        {"B1 0000000F 00000005 0009 000000", "Truncated SBP command"},
+        {"B1 00000010 00000005 0009 00000000 00000000 B0", "Truncated SBP packet"},
+        {"B1 0000000F 00000005 0009 00000000 00000000 B1", "SBP command missing end marker"},
+        {"B1 0000000F 00000005 0009 00000000 00000000 B0 B0",
+         "Excess trailing data after SBP packet"},
+    };
+    for (auto [hex, line] : faults) {
+        zeltest::RecordingLogger logger;
+        zelcdbsdk::SBPPacket p;
+        Bytes wire = zeltest::parseHex(hex);
+        EXPECT_EQ(zelcdbsdk::readSBPPacket(wire.empty() ? nullptr : wire.data(),
+                                           wire.empty() ? 20 : wire.size(), {"S", &logger}, &p),
+                  line[0] == 'E' ? ZELCDBErrorNone : ZELCDBErrorInvalidSBPPacket);
+        ASSERT_FALSE(logger.lines.empty());
+        EXPECT_EQ(logger.lines.back().text, line);
+        EXPECT_EQ(logger.lines.back().level, plat::kLogDebug);
+    }
+}
+
+// Sinks and sources never give the table a clash, so these rules only show from here.
+TEST(SBPRequestTable, BothIndexesAlwaysAgree) {
+    struct Owner : zelcdbsdk::SBPRequestOwner {
+        int requestTimedOut(SBPRequest&) override { return 0; }
+    } owner, other;
+    plat::TimerManager timers;
+    zelcdbsdk::SBPRequestTable table;
+    auto add = [&](uint32_t command, uint32_t uid, uint16_t id, Owner& by) -> SBPRequest& {
+        return table.add(table.newRequest(&by, command, uid, id), 5000);
+    };
+    add(0xB1, 10, 1, owner);
+    add(0xB3, 10, 2, owner);
+    // Same (command, uid) under a new packetId: the old record goes entirely.
+    add(0xB1, 10, 3, owner);
+    EXPECT_EQ(table.findByPacketId(1), nullptr);
+    EXPECT_EQ(table.find(0xB1, 10)->packetId, 3);
+    // Same packetId for another (command, uid): the old key must not find the new record.
+    add(0xB2, 11, 2, owner);
+    EXPECT_EQ(table.find(0xB3, 10), nullptr);
+    EXPECT_EQ(table.size(), 2u);
+    // The record kept from a removal goes back only to its own owner.
+    table.remove(*table.findByPacketId(3));
+    EXPECT_EQ(table.find(0xB1, 10), nullptr);
+    EXPECT_EQ(add(0xB1, 12, 4, other).owner(), &other);
+    EXPECT_EQ(add(0xB1, 10, 5, owner).owner(), &owner);
+    table.clear();
+    EXPECT_FALSE(timers.hasTimers());  // no timer outlives its record
+}
 
 struct Row {
     const char* rule;
@@ -27,14 +97,14 @@ const Row kSinkRows[] = {
      "Response #1 7 1000000b; Response #2 7; subscribe 7 0 3e8",
      "Subscribe #1 7 3e8 | subscribed@u 7 | data@u b3 7 +6 | Cancel #2 7 b3 | "
      "error@u b3 7 14 1000000b | cancelled@c b3 7 | Subscribe #3 7 3e8"},
-    {"a second request for the same element is refused before it leaves",
-     "get 5; get 5 @d; set 5 +6", "Get #1 5 | error@d b1 5 13 10000008 | Set #2 5 +6"},
+    {"a second request for the same element is refused before it leaves; a refusal below the "
+     "in-progress mark stops the service",
+     "get 5; get 5 @d; set 5 +6; Response #1 5 fffffff; Response #2 5 10000009",
+     "Get #1 5 | error@d b1 5 13 10000008 | Set #2 5 +6 | error b1 5 14 fffffff | StopService | "
+     "error b2 5 14 10000009"},
     {"answers to another element or packetId are ignored; in progress restarts the 5 s",
      "get 5; Response #1 6; Response #9 5; +4999; Response #1 5 10000000; +4999; +1; get 5",
      "Get #1 5 | 9999: error b1 5 12 0 | Get #2 5"},
-    {"a refusal below the in-progress mark stops the service",
-     "get 5; Response #1 5 fffffff; get 6; Response #2 6 10000009",
-     "Get #1 5 | error b1 5 14 fffffff | StopService | Get #2 6 | error b1 6 14 10000009"},
     {"an unanswered Subscribe is cancelled and the Cancel's answer reaches no one",
      "subscribe 5 0 3e8 @u; +4999; +1; Response #2 5; Response #1 5; subscribe 5 0 3e8",
      "Subscribe #1 5 3e8 | 5000: error@u b3 5 12 0 | 5000: Cancel #2 5 b3 | "
@@ -88,16 +158,15 @@ const Row kSourceRows[] = {
      "answer later; Get #1 5; +3999; +1; +4000; reply b1 5 0 +9; +4000; reply b1 5 0",
      "get b1 5 | 4000: Response #1 5 10000000 | 8000: Response #1 5 10000000 | "
      "Response #1 5 +9"},
-    {"a Set answered later; a second answer finds no record",
-     "answer later; Set #2 6 +5; setdone 6 1000000c; setdone 6 0",
-     "set 6 +5 | Response #2 6 1000000c"},
+    {"a Set answered later, a second answer finds no record; a packetId the peer reuses "
+     "replaces the request that held it",
+     "answer later; Set #2 6 +5; setdone 6 1000000c; setdone 6 0; Get #1 5; Set #1 6 +6; "
+     "reply b1 5 0; setdone 6 0",
+     "set 6 +5 | Response #2 6 1000000c | get b1 5 | set 6 +6 | Response #1 6"},
     {"a second request for a pending element is refused; a Cancel ends the first",
      "answer later; Get #1 5; Get #2 5; Set #3 5 +6; Cancel #4 5 b1; Get #5 5",
      "get b1 5 | ! command 177 / 5 already pending | Response #2 5 10000008 | set 5 +6 | "
      "Response #1 5 1000000b | cancel b1 5 | Response #4 5 | get b1 5"},
-    {"a packetId the peer reuses replaces the request that held it",
-     "answer later; Get #1 5; Set #1 6 +6; reply b1 5 0; setdone 6 0",
-     "get b1 5 | set 6 +6 | Response #1 6"},
     {"unknown commands, a Response, and Cancels of nothing are answered so",
      "0xba #1 5; Response #2 5; Cancel #3 5 b3; Cancel #4 5 ba; Cancel #5 5 b0",
      "Response #1 5 1000000d | Response #2 5 1000000d | Response #3 5 10000009 | "
@@ -117,38 +186,31 @@ const Row kSourceRows[] = {
      "subscribe 6 0 3e8 | Response #1 6 | 1000: get b3 6 | "
      "1000: ! Warning: error getting update for period subscription | "
      "1000: Response #1 6 10000006"},
-    {"interval 0 is refused unless the application sets one", "Subscribe #1 5",
-     "subscribe 5 0 0 | ! Warning: invalid interval requested | Response #1 5 10000003"},
-    {"the application's interval counts", "interval 3e8; Subscribe #1 5; +1000",
-     "subscribe 5 0 0 | Response #1 5 | 1000: get b3 5 | 1000: Response #1 5"},
-    {"an interval past 24 bits is refused", "interval 1000000; Subscribe #1 5 3e8",
-     "subscribe 5 0 3e8 | ! Warning: invalid interval requested | Response #1 5 10000003"},
-    {"on change, interval 1: no ticks", "Subscribe #1 5 1000001; +5",
-     "subscribe 5 1 1 | Response #1 5"},
-    {"the longest interval is allowed", "Subscribe #1 5 1ffffff",
-     "subscribe 5 1 ffffff | Response #1 5"},
-    {"type 2 the application leaves open", "Subscribe #1 5 2000064",
+    {"intervals: 0 unless the application sets one, at most 24 bits, none needed on change",
+     "Subscribe #1 5; Subscribe #2 6 1000001; Subscribe #3 7 1ffffff; interval 1000000; "
+     "Subscribe #4 8 3e8; interval 3e8; Subscribe #5 9; +1000",
+     "subscribe 5 0 0 | ! Warning: invalid interval requested | Response #1 5 10000003 | "
+     "subscribe 6 1 1 | Response #2 6 | subscribe 7 1 ffffff | Response #3 7 | "
+     "subscribe 8 0 3e8 | ! Warning: invalid interval requested | Response #4 8 10000003 | "
+     "subscribe 9 0 0 | Response #5 9 | 1000: get b3 9 | 1000: Response #5 9"},
+    {"type 2 the application must make periodic or on change; type 3 never reaches it",
+     "Subscribe #1 5 2000064; Subscribe #2 6 30003e8; type 1; Subscribe #3 7 20003e8; type 0; "
+     "Subscribe #4 8 20003e8; +1000",
      "subscribe 5 2 64 | ! Warning: application failed to indicate subscription type | "
-     "Response #1 5 10000004"},
-    {"type 2 made periodic", "type 0; Subscribe #1 5 20003e8; +1000",
-     "subscribe 5 2 3e8 | Response #1 5 | 1000: get b3 5 | 1000: Response #1 5"},
-    {"type 2 made on change", "type 1; Subscribe #1 5 20003e8; +1000",
-     "subscribe 5 2 3e8 | Response #1 5"},
-    {"type 3 never reaches the application", "Subscribe #1 5 30003e8",
-     "! Warning: invalid subscription type requested | Response #1 5 10000004"},
-    {"a subscription refused or failed",
-     "answer now 1000000c; Subscribe #1 5 3e8; answer fail; Subscribe #2 6 3e8",
-     "subscribe 5 0 3e8 | Response #1 5 1000000c | subscribe 6 0 3e8 | "
-     "Response #2 6 10000002"},
+     "Response #1 5 10000004 | ! Warning: invalid subscription type requested | "
+     "Response #2 6 10000004 | subscribe 7 2 3e8 | Response #3 7 | subscribe 8 2 3e8 | "
+     "Response #4 8 | 1000: get b3 8 | 1000: Response #4 8"},
+    {"a subscription refused, failed, or refused later is forgotten",
+     "answer now 1000000c; Subscribe #1 5 3e8; answer fail; Subscribe #2 6 3e8; answer later; "
+     "Subscribe #3 7 3e8; subscribed 7 10000002; +8000",
+     "subscribe 5 0 3e8 | Response #1 5 1000000c | subscribe 6 0 3e8 | Response #2 6 10000002 | "
+     "subscribe 7 0 3e8 | Response #3 7 10000002"},
     {"a subscription accepted later ticks from then on; a second answer is ignored",
      "answer later; Subscribe #1 5 3e8; +4000; answer now 0; subscribed 5 0; "
      "subscribed 5 0; +1000; subscribed 9 0",
      "subscribe 5 0 3e8 | 4000: Response #1 5 10000000 | Response #1 5 | "
      "! Warning: ignoring second response to subscribe | 5000: get b3 5 | "
      "5000: Response #1 5"},
-    {"a subscription refused later is forgotten",
-     "answer later; Subscribe #1 5 3e8; subscribed 5 10000002; +8000",
-     "subscribe 5 0 3e8 | Response #1 5 10000002"},
     {"a challenge's answer reaches the application, which then owes the data",
      "answer later; Get #1 6; challenge b1 6 +6; AuthResponse #1 5 +6; AuthResponse #2 6; "
      "AuthResponse #1 6 10000002 +6; AuthResponse #1 6; +3999; +1; reply b1 6 0 +9",
@@ -209,9 +271,8 @@ TEST(SBPServiceTest, SinkRows) {
 }
 
 TEST(SBPServiceTest, SourceRows) {
-    for (const Row& row : kSourceRows) {
+    for (const Row& row : kSourceRows)
         EXPECT_EQ(SBPScript(false).run(row.steps), row.trace) << row.rule;
-    }
 }
 
 TEST(SBPServiceTest, WithoutTheCallbackTheSinkRefusesEveryChallenge) {
@@ -224,9 +285,7 @@ TEST(SBPServiceTest, WithoutTheCallbackTheSinkRefusesEveryChallenge) {
 TEST(SBPServiceTest, SinkPacketIdsWrapPastThoseInUseAndRunOut) {
     SBPScript script(true);
     script.run("");
-    script.tracing = false;
     for (uint32_t uid = 1; uid <= 0xFFFF; ++uid) script.sink->sendGet(nullptr, uid);
-    script.tracing = true;
     EXPECT_EQ(script.run("get 10000; Response #7 7; Response #3 3; get 10001; get 10002; "
                          "get 10003"),
               "error b1 10000 13 1000000a | data b1 7 | data b1 3 | Get #3 10001 | "
