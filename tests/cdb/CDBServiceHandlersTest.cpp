@@ -7,7 +7,6 @@
 namespace {
 
 using cdbtest::format;
-using zelcdbsdk::CDBService;
 using Lines = std::vector<std::string>;
 
 // The endpoint side: counts how deep the thread is in application callbacks, and is the
@@ -21,78 +20,69 @@ struct Host : zelcdbsdk::CDBEndpointHost {
     void leaveCallback() override { --depth; }
 };
 
-void record(ZELCDBEndpoint* e, void* context, const std::string& call) {
+void record(ZELCDBEndpoint* e, void* context, uint16_t id, void* sc, const std::string& call) {
     Host* host = static_cast<Host*>(context);
-    host->calls.push_back(
-        format("%s %p depth=%d", call.c_str(), static_cast<void*>(e), host->depth));
+    host->calls.push_back(format("%s 0x%04x %s %p depth=%d", call.c_str(), id,
+                                 static_cast<char*>(sc), static_cast<void*>(e), host->depth));
 }
 
 const ZELCDBSourceServiceCallbacks kSource = {
     [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc, uint8_t major, uint8_t minor) {
-        record(e, c, format("start 0x%04x %s %d.%d", id, static_cast<char*>(sc), major, minor));
+        record(e, c, id, sc, format("start %d.%d", major, minor));
     },
-    [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc) {
-        record(e, c, format("stop 0x%04x %s", id, static_cast<char*>(sc)));
-    },
+    [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc) { record(e, c, id, sc, "stop"); },
     [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc, const uint8_t* data, uint32_t n) {
-        record(e, c, format("payload 0x%04x %s %.*s", id, static_cast<char*>(sc), int(n), data));
+        record(e, c, id, sc, format("payload %.*s", int(n), data));
     }};
-
 const ZELCDBSinkCallbacks kSink = {
-    [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc, const uint8_t* data, uint32_t n) {
-        record(e, c, format("payload 0x%04x %s %.*s", id, static_cast<char*>(sc), int(n), data));
-    },
-    [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc, uint16_t code) {
-        record(e, c, format("response 0x%04x %s 0x%04x", id, static_cast<char*>(sc), code));
+    kSource.payloadCallback, [](ZELCDBEndpoint* e, void* c, uint16_t id, void* sc, uint16_t code) {
+        record(e, c, id, sc, format("response 0x%04x", code));
     }};
-
-void drive(CDBService::Handler& handler) {
-    handler.startService({2, 1});
-    handler.stopService();
-    handler.servicePayload(reinterpret_cast<const uint8_t*>("abc"), 3);
-    handler.serviceResponse(0x0201);
-}
 
 // A table is taken by the size the application gives, in whole entries: an entry only
-// partly inside the size is missing, never half a pointer; a null entry is skipped.
+// partly inside the size is missing, never half a pointer; a null entry is skipped. Each
+// row drives start, stop, payload and response, and lists the calls that must come of them
+// (a: start, b: stop, c: payload, d: response).
 TEST(CDBServiceHandlers, ForwardTheEntriesTheyWereGiven) {
     char context[] = "ctx";
     const size_t entry = sizeof(kSource.startCallback);
     ZELCDBSourceServiceCallbacks gaps = kSource;
     gaps.startCallback = nullptr;
-    const std::string start = "start 0x0007 ctx 2.1", stop = "stop 0x0007 ctx",
-                      payload = "payload 0x0007 ctx abc", response = "response 0x0007 ctx 0x0201";
+    const Lines all = {"start 2.1", "stop", "payload abc", "response 0x0201"};
     const struct {
         const void* table;  // kSink: a sink
         size_t size;
-        Lines calls;
+        std::string calls;
     } rows[] = {
-        {&kSource, 0, {}},
-        {&kSource, entry, {start}},
-        {&kSource, entry + entry / 2, {start}},
-        {&kSource, 3 * entry, {start, stop, payload}},
-        {&kSource, 3 * entry + 64, {start, stop, payload}},
-        {nullptr, 3 * entry, {}},
-        {&gaps, 3 * entry, {stop, payload}},
-        {&kSink, 0, {}},
-        {&kSink, entry + 1, {payload}},
-        {&kSink, 2 * entry, {payload, response}},
+        {&kSource, 0, ""},
+        {&kSource, entry + entry / 2, "a"},
+        {&kSource, 3 * entry, "abc"},
+        {&kSource, 3 * entry + 64, "abc"},
+        {nullptr, 3 * entry, ""},
+        {&gaps, 3 * entry, "bc"},
+        {&kSink, entry + 1, "c"},
+        {&kSink, 2 * entry, "cd"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(format("%p %zu", row.table, row.size));
         Host host;
         uint32_t size = static_cast<uint32_t>(row.size);
+        std::unique_ptr<zelcdbsdk::CDBService::Handler> handler;
         if (row.table == &kSink) {
-            zelcdbsdk::CDBSinkHandler handler(&host, 7, context, &kSink, size);
-            drive(handler);
+            handler.reset(new zelcdbsdk::CDBSinkHandler(&host, 7, context, &kSink, size));
         } else {
-            zelcdbsdk::CDBSourceHandler handler(
+            auto* source = new zelcdbsdk::CDBSourceHandler(
                 &host, context, static_cast<const ZELCDBSourceServiceCallbacks*>(row.table), size);
-            handler.setServiceId(7);
-            drive(handler);
+            source->setServiceId(7);
+            handler.reset(source);
         }
+        handler->startService({2, 1});
+        handler->stopService();
+        handler->servicePayload(reinterpret_cast<const uint8_t*>("abc"), 3);
+        handler->serviceResponse(0x0201);
         Lines expected;
-        for (const std::string& call : row.calls) expected.push_back(call + " 0x1234 depth=1");
+        for (char call : row.calls)
+            expected.push_back(format("%s 0x0007 ctx 0x1234 depth=1", all[call - 'a'].c_str()));
         EXPECT_EQ(host.calls, expected);
         EXPECT_EQ(host.depth, 0);
     }

@@ -1,12 +1,11 @@
 #pragma once
 
-// The CDB layer's test kit: bytes, a stream the test feeds, a text form of every message,
-// the scripted raw peer, and Bench, which runs one session on the test's own thread against
-// that peer, one step of a script per turn of the session's loop.
+// The CDB layer's test kit: a stream the test feeds, a text form of every message, the
+// scripted raw peer, and Bench, which runs one session on the test's own thread against that
+// peer, one step of a script per turn of the session's loop.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -39,8 +38,6 @@ using zelcdbsdk::CDBService;
 using zelcdbsdk::CDBSession;
 using zelcdbsdk::CDBVersion;
 using zelcdbsdk::CDBWriter;
-
-constexpr int kPatienceMs = 10000;  // the longest a test waits for a socket before failing
 
 inline Bytes operator+(Bytes a, const Bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -113,21 +110,21 @@ struct TextHandler : zelcdbsdk::CDBProtocolHandler {
     void handleByeBye() override { messages.push_back("ByeBye"); }
 };
 
-// A loopback socket connected to *port, or else bound to a free port, which *port receives
+// A loopback socket connected to port, or else bound to a free port, which *bound receives
 // (with SO_REUSEADDR, so that a server may bind the port again while this one holds it).
-inline int loopbackSocket(int* port, bool connect) {
+inline int loopback(int port, int* bound = nullptr) {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0), on = 1;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(connect ? *port : 0));
+    address.sin_port = htons(static_cast<uint16_t>(port));
     socklen_t length = sizeof address;
     auto* a = reinterpret_cast<sockaddr*>(&address);
-    if (connect) return ::connect(fd, a, length) == 0 ? fd : (::close(fd), -1);
+    if (port) return ::connect(fd, a, length) == 0 ? fd : (::close(fd), -1);
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     ::bind(fd, a, length);
     ::getsockname(fd, a, &length);
-    *port = ntohs(address.sin_port);
+    *bound = ntohs(address.sin_port);
     return fd;
 }
 
@@ -139,50 +136,30 @@ public:
     using Reply = std::function<void(CDBWriter&, const std::string& message)>;
     ~Peer() {
         close();
-        if (listener_ >= 0) ::close(listener_);
-    }
-    void adopt(int fd) {
-        close();
-        fd_ = fd;
+        if (listener >= 0) ::close(listener);
     }
     void close() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
+        if (fd >= 0) ::close(fd);
+        fd = -1;
     }
-    // Listens for a client session; returns the URL to give it.
-    std::string listen() {
-        int port;
-        ::listen(listener_ = loopbackSocket(&port, false), 1);
-        return "cdb://127.0.0.1:" + std::to_string(port);
-    }
-    bool accept() {
-        pollfd entry = {listener_, POLLIN, 0};
-        if (::poll(&entry, 1, kPatienceMs) == 1) adopt(::accept(listener_, nullptr, nullptr));
-        return fd_ >= 0;
-    }
-    bool connect(int port) {
-        adopt(loopbackSocket(&port, true));
-        return fd_ >= 0;
-    }
-
     void on(const std::string& prefix, Reply reply) { rules_[prefix] = std::move(reply); }
     void off(const std::string& prefix) { rules_.erase(prefix); }
 
-    // What is written here goes out with the next flush(), sendRaw() or take(),
-    // without blocking: what the socket cannot take yet waits for the flush after.
+    // What is written here goes out with the next flush(), sendRaw() or take(), without
+    // blocking: what the socket cannot take yet waits for the flush after.
     CDBWriter& w() { return writer_; }
     void flush() {
         unsent_.insert(unsent_.end(), out_.data(), out_.data() + out_.length());
         out_.clear();
-        ssize_t n = unsent_.empty() || fd_ < 0
+        ssize_t n = unsent_.empty() || fd < 0
                         ? 0
-                        : ::send(fd_, unsent_.data(), unsent_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+                        : ::send(fd, unsent_.data(), unsent_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         unsent_.erase(unsent_.begin(), unsent_.begin() + std::max<ssize_t>(n, 0));
     }
     bool unsent() const { return !unsent_.empty(); }
     void sendRaw(const Bytes& bytes, int flags = 0) {
         flush();
-        if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | flags) < 0) ADD_FAILURE();
+        if (::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | flags) < 0) ADD_FAILURE();
     }
 
     // Every message that has arrived, without waiting; "closed" once the session closed.
@@ -193,16 +170,17 @@ public:
         got.swap(text_.messages);
         return got;
     }
+    int fd = -1, listener = -1;
     int answered = 0;  // messages the rules answered
 
 private:
     // Reads what is there, answering by the rules; false when nothing came.
     bool receive() {
         flush();
-        pollfd entry = {fd_, POLLIN, 0};
-        if (fd_ < 0 || ::poll(&entry, 1, 0) != 1) return false;
+        pollfd entry = {fd, POLLIN, 0};
+        if (fd < 0 || ::poll(&entry, 1, 0) != 1) return false;
         uint8_t buffer[65536];
-        ssize_t got = ::recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
+        ssize_t got = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
         Lines& all = text_.messages;
         size_t i = all.size();
         if (got <= 0) {
@@ -226,7 +204,6 @@ private:
         return true;
     }
 
-    int fd_ = -1, listener_ = -1;
     std::map<std::string, Reply> rules_;
     rdr::MemOutStream out_;
     Bytes unsent_;
@@ -291,8 +268,8 @@ public:
         });
     }
     ~Bench() override {
-        for (int fd : {wake_[0], wake_[1], reserved_})
-            if (fd >= 0) ::close(fd);
+        ::close(wake_[0]);
+        ::close(wake_[1]);
     }
 
     bool client() const { return role_ == Role::kClient; }
@@ -357,7 +334,7 @@ public:
                     ADD_FAILURE() << "socketpair";
                 ::close(pair[0]);
                 end.setBlocking(false);
-                peer.adopt(pair[1]);
+                peer.fd = pair[1];
                 session_->runConnected(end);
             }
         } catch (const plat::Exception& e) {
@@ -374,12 +351,18 @@ public:
     CDBSession& s() { return *session_; }
     // A tcp bench's URL: the peer's listening port for a client, a reserved one for a server.
     const char* url() override {
-        if (url_.empty()) url_ = client() ? peer.listen() : reservedUrl();
-        return url_.c_str();
+        if (!url_.empty()) return url_.c_str();
+        peer.listener = loopback(0, &port_);
+        if (client()) ::listen(peer.listener, 1);
+        return (url_ = "cdb://127.0.0.1:" + std::to_string(port_)).c_str();
     }
     // Makes the connection a tcp bench's session is waiting for.
     void connectPeer() {
-        if (!(client() ? peer.accept() : peer.connect(port_))) throw plat::Exception("no peer");
+        pollfd entry = {peer.listener, POLLIN, 0};
+        if (client() && ::poll(&entry, 1, 10000) == 1)
+            peer.fd = ::accept(peer.listener, nullptr, nullptr);
+        if (!client()) peer.fd = loopback(port_);
+        if (peer.fd < 0) throw plat::Exception("no peer");
     }
     int wakeupDescriptor() override { return wake_[0]; }
     int wakeupWriter() const { return wake_[1]; }
@@ -441,8 +424,8 @@ private:
         }
         if (row_ == rows_->size()) {
             CDBSession::State state = s().state();
-            if (state == CDBSession::Connected || state == CDBSession::Closing) peer.close();
-            if (state != CDBSession::Connected && state != CDBSession::Closing) s().terminate();
+            bool open = state == CDBSession::Connected || state == CDBSession::Closing;
+            open ? peer.close() : s().terminate();
             return;
         }
         const Row& row = (*rows_)[row_];
@@ -469,14 +452,10 @@ private:
         stamped_ = settling_ = false;
         ++row_;
     }
-    std::string reservedUrl() {
-        reserved_ = loopbackSocket(&port_, false);
-        return "cdb://127.0.0.1:" + std::to_string(port_);
-    }
 
     Role role_;
     std::string url_;
-    int port_ = 0, reserved_ = -1, wake_[2];
+    int port_ = 0, wake_[2];
     std::unique_ptr<CDBSession> session_;
     std::vector<CDBService> services_;
     std::vector<CDBService::HandlerRef> handlers_;
