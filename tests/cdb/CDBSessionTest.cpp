@@ -150,34 +150,44 @@ TEST(CDBSession, SilentPeerTimesOutTheDirectoryThenThePingThenTheByeBye) {
 // and waits for the client to close. A peer of another CDB version is told so and said
 // ByeBye to. Failures leave run() as exceptions without a ByeBye, after what was already
 // written has been flushed; urgent data (an exceptional condition) ends the loop as
-// "Disconnected".
+// "Disconnected". Ended before it is connected, a session says no ByeBye and leaves at its
+// next turn; a server ended as a peer connects must not take the listening socket for a
+// connection.
 TEST(CDBSession, HowASessionEnds) {
     const Bytes ping7 = written([](W& w) { w.sendPing(7); });
     auto raw = [](const Bytes& bytes, int flags = 0) {
         return [=](B& b) { b.peer.sendRaw(bytes, flags); };
     };
+    const std::string connecting = "30 Connecting to URL | " + byeByeExpired(Role::kClient),
+                      listening = "30 Listening on URL | " + byeByeExpired(Role::kServer);
     struct Case {
         Role role;
         std::vector<Row> rows;
         std::string outcome;
-        bool tcp;
+        int tcp;  // 0: a socket pair, 1: loopback, 2: loopback from before the connection
     };
     std::vector<Case> cases = {
-        {Role::kClient, {{kByeBye, "closed"}}, "Disconnected", false},
-        {Role::kClient, {{kTerminate, "ByeBye"}, {kByeBye, "closed"}}, "Disconnected", false},
-        {Role::kServer, {{kByeBye, "ByeBye"}}, "Connection lost", false},
-        {Role::kServer, {{kTerminate, "ByeBye"}, {kByeBye, ""}}, "Connection lost", false},
-        {Role::kClient, {{[](B& b) { b.peer.close(); }, ""}}, "Connection lost", false},
+        {Role::kClient, {{kByeBye, "closed"}}, "Disconnected", 0},
+        {Role::kClient, {{kTerminate, "ByeBye"}, {kByeBye, "closed"}}, "Disconnected", 0},
+        {Role::kServer, {{kByeBye, "ByeBye"}}, "Connection lost", 0},
+        {Role::kServer, {{kTerminate, "ByeBye"}, {kByeBye, ""}}, "Connection lost", 0},
+        {Role::kClient, {{[](B& b) { b.peer.close(); }, ""}}, "Connection lost", 0},
         {Role::kClient,
          {{raw({0xb1, 0x00, 0, 0}), "closed"}},
          "Unknown message type 45312 (0xb100)",
-         false},
+         0},
         // In one segment, so the answer is still unsent when the junk behind it throws.
         {Role::kClient,
          {{raw(ping7 + Bytes{0xb1, 0x0a, 0, 0}), "PingResponse 7 | closed"}},
          "Unknown message type 45322 (0xb10a)",
-         false},
-        {Role::kClient, {{raw({0x55}, MSG_OOB), "closed | 0 Disconnected"}}, "Disconnected", true},
+         0},
+        {Role::kClient, {{raw({0x55}, MSG_OOB), "closed | 0 Disconnected"}}, "Disconnected", 1},
+        {Role::kClient, {{kTerminate, connecting}}, "Disconnected", 2},
+        {Role::kServer, {{kTerminate, listening}}, "Disconnected", 2},
+        {Role::kServer,
+         {{[](B& b) { b.connectPeer(); }, "-"}, {kTerminate, "closed | " + listening}},
+         "Disconnected",
+         2},
     };
     for (CDBVersion v : {CDBVersion{1, 0}, CDBVersion{1, 2}, CDBVersion{2, 1}}) {
         for (bool request : {true, false}) {
@@ -190,33 +200,14 @@ TEST(CDBSession, HowASessionEnds) {
                                             v.majorNumber, v.minorNumber)},
                               {kByeBye, "closed"}},
                              "Disconnected",
-                             false});
+                             0});
         }
     }
     for (const Case& c : cases) {
         Bench b(c.role);
-        b.tcp = c.tcp;
+        b.tcp = c.tcp > 0;
+        b.preamble = c.tcp < 2;
         EXPECT_EQ(b.play(c.rows), c.outcome);
-    }
-}
-
-// Ended before it is connected, a session says no ByeBye and leaves at its next turn; a
-// server ended as a peer connects must not take the listening socket for a connection.
-TEST(CDBSession, EndedBeforeTheConnection) {
-    for (int peerConnects : {0, 1}) {
-        for (Role role : kRoles) {
-            if (peerConnects && role == Role::kClient) continue;
-            Bench b(role);
-            b.tcp = true;
-            b.preamble = false;
-            std::vector<Row> rows;
-            if (peerConnects) rows.push_back({[](B& b) { b.connectPeer(); }, "-"});
-            rows.push_back(
-                {kTerminate, format("%s30 %s %s | ", peerConnects ? "closed | " : "",
-                                    b.client() ? "Connecting to" : "Listening on", b.url()) +
-                                 byeByeExpired(role)});
-            EXPECT_EQ(b.play(rows), "Disconnected");
-        }
     }
 }
 
@@ -345,7 +336,8 @@ TEST(CDBSession, PeerStartServiceIsHeldUntilAnsweredOrExpired) {
             {B::on([](CDBSession& s) { EXPECT_TRUE(s.pendingRequestIds().empty()); }), ""}});
 
     Bench early(Role::kClient);
-    early.addService("svc", {1, 0}).onStart = [&] { early.s().sendServiceResponse(1, 1); };
+    early.addService("svc", {1, 0});
+    early.answerOnStart = true;
     early.play({{start(1, {1, 0}), "ServiceResponse 0x0001 0x0001 | start 0x0001 1.0"},
                 {B::advance(8000), ""}});
 }
@@ -437,7 +429,7 @@ TEST(CDBSession, ServerWhileListening) {
         s.sendServiceResponse(0x4001, 1);
     });
     b.play(
-        {{send, format("30 Listening on %s", b.url())},
+        {{send, "30 Listening on URL"},
          {exhaust, format("10 accept() failed: error %d: %s", EMFILE, std::strerror(EMFILE))},
          {[&](B&) { ::setrlimit(RLIMIT_NOFILE, &limit); }, ""},
          {B::advance(99), ""},

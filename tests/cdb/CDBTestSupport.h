@@ -20,6 +20,7 @@
 
 #include "TestText.h"
 #include "cdb/CDBReader.h"
+#include "cdb/CDBServiceHandlers.h"
 #include "cdb/CDBSession.h"
 #include "cdb/CDBWriter.h"
 #include "mirrorlink/TcpSocket.h"
@@ -81,32 +82,31 @@ inline std::string describe(const CDBService& s) {
 // Renders each message it is handed as one line.
 struct TextHandler : zelcdbsdk::CDBProtocolHandler {
     Lines messages;
+    template <typename... A>
+    void add(const char* text, A... args) {
+        messages.push_back(format(text, args...));
+    }
     void handleServicesRequest(CDBVersion v) override {
-        messages.push_back(format("ServicesRequest %d.%d", v.majorNumber, v.minorNumber));
+        add("ServicesRequest %d.%d", v.majorNumber, v.minorNumber);
     }
     void handleServicesSupported(CDBVersion v, const std::vector<CDBService>& list,
                                  uint16_t) override {
-        std::string text = format("ServicesSupported %d.%d", v.majorNumber, v.minorNumber);
-        for (const CDBService& s : list) text += (&s == &list[0] ? ": " : ", ") + describe(s);
-        messages.push_back(text);
+        add("ServicesSupported %d.%d", v.majorNumber, v.minorNumber);
+        for (const CDBService& s : list)
+            messages.back() += (&s == &list[0] ? ": " : ", ") + describe(s);
     }
     void handleStartService(uint16_t id, CDBVersion v) override {
-        messages.push_back(format("StartService 0x%04x %d.%d", id, v.majorNumber, v.minorNumber));
+        add("StartService 0x%04x %d.%d", id, v.majorNumber, v.minorNumber);
     }
-    void handleStopService(uint16_t id) override {
-        messages.push_back(format("StopService 0x%04x", id));
-    }
+    void handleStopService(uint16_t id) override { add("StopService 0x%04x", id); }
     void handleServicePayload(uint16_t id, uint8_t ac, size_t n, const uint8_t* data) override {
-        messages.push_back(format("ServicePayload 0x%04x ac=%d ", id, ac) +
-                           zeltest::hex(data, n, ""));
+        add("ServicePayload 0x%04x ac=%d %s", id, ac, zeltest::hex(data, n, "").c_str());
     }
     void handleServiceResponse(uint16_t id, uint16_t code) override {
-        messages.push_back(format("ServiceResponse 0x%04x 0x%04x", id, code));
+        add("ServiceResponse 0x%04x 0x%04x", id, code);
     }
-    void handlePing(uint16_t n) override { messages.push_back(format("Ping %d", n)); }
-    void handlePingResponse(uint16_t n) override {
-        messages.push_back(format("PingResponse %d", n));
-    }
+    void handlePing(uint16_t n) override { add("Ping %d", n); }
+    void handlePingResponse(uint16_t n) override { add("PingResponse %d", n); }
     void handleByeBye() override { messages.push_back("ByeBye"); }
 };
 
@@ -223,30 +223,33 @@ class Bench;
 using Step = std::function<void(Bench&)>;
 // A step of the script and what must come of it (see Bench::observe()). "-" runs the next
 // row in the very next turn of the loop, without waiting or checking; "*" waits as for a
-// check, then forgets what came.
+// check, then forgets what came. "URL" in what must come stands for the bench's URL.
 struct Row {
     Step step;
     std::string expect;
 };
 
-// Writes what a service or sink is told into calls.
-struct TraceHandler : CDBService::Handler {
-    TraceHandler(Lines& calls, uint16_t id) : Handler(nullptr, id), calls(calls) {}
-    void startService(CDBVersion v) override {
-        calls.push_back(format("start 0x%04x %d.%d", serviceId(), v.majorNumber, v.minorNumber));
-        if (onStart) onStart();
-    }
-    void stopService() override { calls.push_back(format("stop 0x%04x", serviceId())); }
-    void serviceResponse(uint16_t code) override {
-        calls.push_back(format("response 0x%04x 0x%04x", serviceId(), code));
-    }
-    void servicePayload(const uint8_t* data, size_t n) override {
-        calls.push_back(format("payload 0x%04x ", serviceId()) + zeltest::hex(data, n, ""));
-    }
-    void sessionEnded() override { calls.push_back(format("ended 0x%04x", serviceId())); }
-    Lines& calls;
-    std::function<void()> onStart;
-};
+// The application's plain CDB callbacks, as an endpoint holds them behind its own services
+// and sinks. Each writes into the calls of the Bench that is its endpoint context what it
+// was given, and checks that the handle, the service context and the callback bracket are
+// right.
+inline void record(ZELCDBEndpoint* e, void* bench, uint16_t id, void* serviceContext,
+                   const std::string& call);
+const ZELCDBSourceServiceCallbacks kSourceCallbacks = {
+    [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc, uint8_t major, uint8_t minor) {
+        record(e, b, id, sc, format("start 0x%04x %d.%d", id, major, minor));
+    },
+    [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc) {
+        record(e, b, id, sc, format("stop 0x%04x", id));
+    },
+    [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc, const uint8_t* data, uint32_t n) {
+        record(e, b, id, sc, format("payload 0x%04x ", id) + zeltest::hex(data, n, ""));
+    }};
+const ZELCDBSinkCallbacks kSinkCallbacks = {
+    kSourceCallbacks.payloadCallback,
+    [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc, uint16_t code) {
+        record(e, b, id, sc, format("response 0x%04x 0x%04x", id, code));
+    }};
 
 // One session on the test's thread and a virtual clock, connected to a Peer through a socket
 // pair (or, with tcp set, through loopback). The wake-up descriptor the session watches
@@ -273,23 +276,34 @@ public:
     }
 
     bool client() const { return role_ == Role::kClient; }
-    // Own service i, in order of adding, with a handler that writes into calls.
-    TraceHandler& addService(const char* name, CDBVersion v, uint8_t attr = 0, uint8_t ac = 0) {
+    // Own service i, in order of adding, forwarding to the source callbacks.
+    void addService(const char* name, CDBVersion v, uint8_t attr = 0, uint8_t ac = 0) {
         uint16_t id = static_cast<uint16_t>((client() ? 1 : 0x4001) + services_.size());
-        services_.emplace_back(id, v, attr, ac, name, trace(id));
-        return *static_cast<TraceHandler*>(services_.back().handler);
-    }
-    TraceHandler* trace(uint16_t id) {
-        handlers_.push_back(CDBService::HandlerRef::adopt(new TraceHandler(calls, id)));
-        return static_cast<TraceHandler*>(handlers_.back().get());
+        auto* source = new zelcdbsdk::CDBSourceHandler(this, &calls, &kSourceCallbacks,
+                                                       sizeof kSourceCallbacks);
+        source->setServiceId(id);
+        handlers_.push_back(CDBService::HandlerRef::adopt(source));
+        services_.emplace_back(id, v, attr, ac, name, source);
     }
 
-    // Steps. sink() attaches a tracing sink to a peer service; advance() moves the clock on
-    // in steps of at most a second, and what the session sends meanwhile is stamped
-    // "@<ms since the script began>"; on() runs fn as a control message from the application
-    // does; send() has the peer send what fn writes.
+    // Steps. sink() attaches a sink to a peer service; advance() moves the clock on in steps
+    // of at most a second, and what the session sends meanwhile is stamped "@<ms since the
+    // script began>"; on() runs fn as a control message from the application does; send()
+    // has the peer send what fn writes.
     static Step sink(uint16_t id) {
-        return [id](Bench& b) { b.s().addSink(id, b.trace(id)); };
+        return [id](Bench& b) {
+            // Told of the session's end as the endpoint's sinks are.
+            struct Sink : zelcdbsdk::CDBSinkHandler {
+                using CDBSinkHandler::CDBSinkHandler;
+                void sessionEnded() override {
+                    static_cast<Bench*>(host())->calls.push_back(
+                        format("ended 0x%04x", serviceId()));
+                }
+            };
+            auto* sink = new Sink(&b, id, &b.calls, &kSinkCallbacks, sizeof kSinkCallbacks);
+            b.handlers_.push_back(CDBService::HandlerRef::adopt(sink));
+            b.s().addSink(id, sink);
+        };
     }
     static Step advance(int64_t ms) {
         return [ms](Bench& b) { b.advanceLeft_ = ms, b.stamped_ = true; };
@@ -301,8 +315,9 @@ public:
         return [fn](Bench& b) { fn(b.peer.w()); };
     }
 
-    // What the peer received, then what the owner and handlers were told, then the session's
-    // lines at level 30 or more severe, since the last observation; " | " between items.
+    // What the peer received, then what the owner and the callbacks were told, then the
+    // session's lines at level 30 or more severe, since the last observation; " | " between
+    // items.
     std::string observe() {
         Lines items = sent_;
         items.insert(items.end(), calls.begin(), calls.end());
@@ -366,8 +381,12 @@ public:
     }
     int wakeupDescriptor() override { return wake_[0]; }
     int wakeupWriter() const { return wake_[1]; }
+    ZELCDBEndpoint* endpointHandle() override { return reinterpret_cast<ZELCDBEndpoint*>(0x1234); }
+    void* endpointContext() override { return this; }
 
     bool tcp = false, preamble = true;
+    bool answerOnStart = false;  // the start callback answers with 0x0001 at once
+    int depth = 0;               // how deep the thread is in application callbacks
     int64_t elapsedMs = 0;
     plat::ManualClock clock;
     plat::ScopedClock useClock{&clock};
@@ -393,10 +412,8 @@ private:
         calls.push_back(event + "]");
     }
     void servicesRequestTimedOut() override { calls.push_back("services request timed out"); }
-    ZELCDBEndpoint* endpointHandle() override { return nullptr; }
-    void* endpointContext() override { return nullptr; }
-    void enterCallback() override {}
-    void leaveCallback() override {}
+    void enterCallback() override { ++depth; }
+    void leaveCallback() override { --depth; }
 
     // One turn of the loop.
     void serviceMessages() override {
@@ -445,9 +462,11 @@ private:
         return !got.empty() || peer.answered != answered || peer.unsent();
     }
     void finishRow() {
-        std::string seen = observe();
-        if ((*rows_)[row_].expect != "*") {
-            EXPECT_EQ(seen, (*rows_)[row_].expect) << "row " << row_;
+        std::string seen = observe(), expect = (*rows_)[row_].expect;
+        size_t at = expect.find("URL");
+        if (at != std::string::npos) expect.replace(at, 3, url_);
+        if (expect != "*") {
+            EXPECT_EQ(seen, expect) << "row " << row_;
         }
         stamped_ = settling_ = false;
         ++row_;
@@ -468,5 +487,15 @@ private:
     Lines sent_;
     size_t logged_ = 0;
 };
+
+inline void record(ZELCDBEndpoint* e, void* bench, uint16_t, void* serviceContext,
+                   const std::string& call) {
+    Bench& b = *static_cast<Bench*>(bench);
+    EXPECT_EQ(e, b.endpointHandle());
+    EXPECT_EQ(serviceContext, &b.calls);
+    EXPECT_EQ(b.depth, 1) << call;
+    b.calls.push_back(call);
+    if (b.answerOnStart && call.compare(0, 6, "start ") == 0) b.s().sendServiceResponse(1, 1);
+}
 
 }  // namespace cdbtest
