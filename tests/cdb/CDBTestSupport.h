@@ -1,8 +1,8 @@
 #pragma once
 
-// The CDB layer's test kit: a stream the test feeds, a text form of every message, the
-// scripted raw peer, and Bench, which runs one session on the test's own thread against that
-// peer, one step of a script per turn of the session's loop.
+// The CDB layer's test kit: a stream the test feeds, a text form of every message, and
+// Bench, which runs one session on the test's own thread between a scripted raw peer and a
+// recording application, one step of a script per turn of the session's loop.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -128,91 +128,6 @@ inline int loopback(int port, int* bound = nullptr) {
     return fd;
 }
 
-// The far end of a session's connection, speaking raw CDB. What it receives becomes one line
-// per message. A rule answers every message that begins with its prefix and hides it, as a
-// healthy peer answers pings without the test spelling each one out.
-class Peer {
-public:
-    using Reply = std::function<void(CDBWriter&, const std::string& message)>;
-    ~Peer() {
-        close();
-        if (listener >= 0) ::close(listener);
-    }
-    void close() {
-        if (fd >= 0) ::close(fd);
-        fd = -1;
-    }
-    void on(const std::string& prefix, Reply reply) { rules_[prefix] = std::move(reply); }
-    void off(const std::string& prefix) { rules_.erase(prefix); }
-
-    // What is written here goes out with the next flush(), sendRaw() or take(), without
-    // blocking: what the socket cannot take yet waits for the flush after.
-    CDBWriter& w() { return writer_; }
-    void flush() {
-        unsent_.insert(unsent_.end(), out_.data(), out_.data() + out_.length());
-        out_.clear();
-        ssize_t n = unsent_.empty() || fd < 0
-                        ? 0
-                        : ::send(fd, unsent_.data(), unsent_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        unsent_.erase(unsent_.begin(), unsent_.begin() + std::max<ssize_t>(n, 0));
-    }
-    bool unsent() const { return !unsent_.empty(); }
-    void sendRaw(const Bytes& bytes, int flags = 0) {
-        flush();
-        if (::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | flags) < 0) ADD_FAILURE();
-    }
-
-    // Every message that has arrived, without waiting; "closed" once the session closed.
-    Lines take() {
-        while (receive()) {
-        }
-        Lines got;
-        got.swap(text_.messages);
-        return got;
-    }
-    int fd = -1, listener = -1;
-    int answered = 0;  // messages the rules answered
-
-private:
-    // Reads what is there, answering by the rules; false when nothing came.
-    bool receive() {
-        flush();
-        pollfd entry = {fd, POLLIN, 0};
-        if (fd < 0 || ::poll(&entry, 1, 0) != 1) return false;
-        uint8_t buffer[65536];
-        ssize_t got = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
-        Lines& all = text_.messages;
-        size_t i = all.size();
-        if (got <= 0) {
-            close();
-            all.push_back("closed");
-            return true;
-        }
-        in_.feed(buffer, static_cast<size_t>(got));
-        while (reader_.processMessages()) {
-        }
-        while (i < all.size()) {
-            auto rule = std::find_if(rules_.begin(), rules_.end(), [&](const auto& r) {
-                return all[i].compare(0, r.first.size(), r.first) == 0;
-            });
-            if (rule == rules_.end() && ++i) continue;
-            rule->second(writer_, all[i]);
-            ++answered;
-            all.erase(all.begin() + static_cast<std::ptrdiff_t>(i));
-        }
-        flush();
-        return true;
-    }
-
-    std::map<std::string, Reply> rules_;
-    rdr::MemOutStream out_;
-    Bytes unsent_;
-    CDBWriter writer_{out_, nullptr};
-    FeedInStream in_;
-    TextHandler text_;
-    zelcdbsdk::CDBReader reader_{text_, in_, nullptr};
-};
-
 inline void pong(CDBWriter& w, const std::string& ping) {
     w.sendPingResponse(static_cast<uint16_t>(std::stoi(ping.substr(5))));
 }
@@ -230,49 +145,51 @@ struct Row {
 };
 
 // The application's plain CDB callbacks, as an endpoint holds them behind its own services
-// and sinks. Each writes into the calls of the Bench that is its endpoint context what it
-// was given, and checks that the handle, the service context and the callback bracket are
-// right.
-inline void record(ZELCDBEndpoint* e, void* bench, uint16_t id, void* serviceContext,
-                   const std::string& call);
+// and sinks. Each writes what it was given into the calls of the Bench that is its endpoint
+// context, and checks the handle, the service context and the callback bracket.
+inline void record(ZELCDBEndpoint* e, void* bench, void* serviceContext, const std::string& call);
 const ZELCDBSourceServiceCallbacks kSourceCallbacks = {
     [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc, uint8_t major, uint8_t minor) {
-        record(e, b, id, sc, format("start 0x%04x %d.%d", id, major, minor));
+        record(e, b, sc, format("start 0x%04x %d.%d", id, major, minor));
     },
     [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc) {
-        record(e, b, id, sc, format("stop 0x%04x", id));
+        record(e, b, sc, format("stop 0x%04x", id));
     },
     [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc, const uint8_t* data, uint32_t n) {
-        record(e, b, id, sc, format("payload 0x%04x ", id) + zeltest::hex(data, n, ""));
+        record(e, b, sc, format("payload 0x%04x ", id) + zeltest::hex(data, n, ""));
     }};
 const ZELCDBSinkCallbacks kSinkCallbacks = {
     kSourceCallbacks.payloadCallback,
     [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc, uint16_t code) {
-        record(e, b, id, sc, format("response 0x%04x 0x%04x", id, code));
+        record(e, b, sc, format("response 0x%04x 0x%04x", id, code));
     }};
 
-// One session on the test's thread and a virtual clock, connected to a Peer through a socket
-// pair (or, with tcp set, through loopback). The wake-up descriptor the session watches
-// always holds a byte, so every turn of its loop services the owner's messages, and each
-// such turn performs the next row's step. After a step the bench lets the loop turn until
-// nothing has moved either way for three turns, moving the clock as advance() asked, then
-// checks observe() against the row. Once the rows are done the peer closes the connection;
-// once run() has ended the sinks are told, as the endpoint tells them.
+// One session on the test's thread and a virtual clock, and both its ends: the peer, which
+// speaks raw CDB at the far end of a socket pair (or, with tcp set, of loopback), and the
+// application, whose callbacks and owner calls land in `calls`. The wake-up descriptor the
+// session watches always holds a byte, so every turn of its loop services the owner's
+// messages, and each such turn performs the next row's step. After a step the bench lets
+// the loop turn until nothing has moved either way for three turns, moving the clock as
+// advance() asked, then checks observe() against the row. Once the rows are done the peer
+// closes the connection; once run() has ended the sinks are told, as the endpoint tells them.
 //
-// The peer answers pings, and the session's ServicesRequest with `theirs`; unless preamble
-// is cleared, the script begins after that exchange, its effects unobserved.
-class Bench : public zelcdbsdk::CDBSessionOwner {
+// What the peer receives becomes one line per message (TextHandler). An answer answers every
+// message that begins with its prefix and hides it: the peer answers pings, and the
+// ServicesRequest with `theirs`. Unless preamble is cleared, the script begins after that
+// exchange, its effects unobserved.
+class Bench : public zelcdbsdk::CDBSessionOwner, public TextHandler {
 public:
+    using Answer = std::function<void(CDBWriter&, const std::string& message)>;
     explicit Bench(Role role, std::vector<CDBService> theirs = {}) : role_(role) {
-        if (::pipe(wake_) != 0 || ::write(wake_[1], "w", 1) != 1) ADD_FAILURE() << "pipe";
-        peer.on("Ping ", pong);
-        peer.on("ServicesRequest ", [theirs](CDBWriter& w, const std::string&) {
+        if (::pipe(wake) != 0 || ::write(wake[1], "w", 1) != 1) ADD_FAILURE() << "pipe";
+        answers["Ping "] = pong;
+        answers["ServicesRequest "] = [theirs](CDBWriter& w, const std::string&) {
             w.sendServicesSupported({1, 1}, theirs.data(), theirs.size());
-        });
+        };
     }
     ~Bench() override {
-        ::close(wake_[0]);
-        ::close(wake_[1]);
+        for (int fd : {wake[0], wake[1], peerFd, listener_})
+            if (fd >= 0) ::close(fd);
     }
 
     bool client() const { return role_ == Role::kClient; }
@@ -292,8 +209,7 @@ public:
     // has the peer send what fn writes.
     static Step sink(uint16_t id) {
         return [id](Bench& b) {
-            // Told of the session's end as the endpoint's sinks are.
-            struct Sink : zelcdbsdk::CDBSinkHandler {
+            struct Sink : zelcdbsdk::CDBSinkHandler {  // told of the end as SBP's sinks are
                 using CDBSinkHandler::CDBSinkHandler;
                 void sessionEnded() override {
                     static_cast<Bench*>(host())->calls.push_back(
@@ -312,17 +228,16 @@ public:
         return [fn](Bench& b) { fn(b.s()); };
     }
     static Step send(std::function<void(CDBWriter&)> fn) {
-        return [fn](Bench& b) { fn(b.peer.w()); };
+        return [fn](Bench& b) { fn(b.peer_); };
     }
 
     // What the peer received, then what the owner and the callbacks were told, then the
-    // session's lines at level 30 or more severe, since the last observation; " | " between
-    // items.
+    // session's lines at `level` or more severe, since the last observation; " | " between.
     std::string observe() {
         Lines items = sent_;
         items.insert(items.end(), calls.begin(), calls.end());
         for (size_t i = logged_; i < log.lines.size(); ++i)
-            if (log.lines[i].facility == "CDBSession" && log.lines[i].level <= 30)
+            if (log.lines[i].facility == "CDBSession" && log.lines[i].level <= level)
                 items.push_back(std::to_string(log.lines[i].level) + " " + log.lines[i].text);
         sent_.clear();
         calls.clear();
@@ -349,7 +264,7 @@ public:
                     ADD_FAILURE() << "socketpair";
                 ::close(pair[0]);
                 end.setBlocking(false);
-                peer.fd = pair[1];
+                peerFd = pair[1];
                 session_->runConnected(end);
             }
         } catch (const plat::Exception& e) {
@@ -367,32 +282,47 @@ public:
     // A tcp bench's URL: the peer's listening port for a client, a reserved one for a server.
     const char* url() override {
         if (!url_.empty()) return url_.c_str();
-        peer.listener = loopback(0, &port_);
-        if (client()) ::listen(peer.listener, 1);
+        listener_ = loopback(0, &port_);
+        if (client()) ::listen(listener_, 1);
         return (url_ = "cdb://127.0.0.1:" + std::to_string(port_)).c_str();
     }
     // Makes the connection a tcp bench's session is waiting for.
     void connectPeer() {
-        pollfd entry = {peer.listener, POLLIN, 0};
+        pollfd entry = {listener_, POLLIN, 0};
         if (client() && ::poll(&entry, 1, 10000) == 1)
-            peer.fd = ::accept(peer.listener, nullptr, nullptr);
-        if (!client()) peer.fd = loopback(port_);
-        if (peer.fd < 0) throw plat::Exception("no peer");
+            peerFd = ::accept(listener_, nullptr, nullptr);
+        if (!client()) peerFd = loopback(port_);
+        if (peerFd < 0) throw plat::Exception("no peer");
     }
-    int wakeupDescriptor() override { return wake_[0]; }
-    int wakeupWriter() const { return wake_[1]; }
+    void closePeer() {
+        ::close(peerFd);
+        peerFd = -1;
+    }
+    // Sends what the peer wrote, without blocking: what the socket cannot take yet waits for
+    // the next flush. Then sends bytes, if any, with the flags given.
+    void flush(const Bytes& bytes = {}, int flags = 0) {
+        unsent_.insert(unsent_.end(), out_.data(), out_.data() + out_.length());
+        out_.clear();
+        ssize_t n = unsent_.empty() || peerFd < 0 ? 0
+                                                  : ::send(peerFd, unsent_.data(), unsent_.size(),
+                                                           MSG_NOSIGNAL | MSG_DONTWAIT);
+        unsent_.erase(unsent_.begin(), unsent_.begin() + std::max<ssize_t>(n, 0));
+        if (!bytes.empty() && ::send(peerFd, bytes.data(), bytes.size(), flags) < 0) ADD_FAILURE();
+    }
+    int wakeupDescriptor() override { return wake[0]; }
     ZELCDBEndpoint* endpointHandle() override { return reinterpret_cast<ZELCDBEndpoint*>(0x1234); }
     void* endpointContext() override { return this; }
 
     bool tcp = false, preamble = true;
     bool answerOnStart = false;  // the start callback answers with 0x0001 at once
-    int depth = 0;               // how deep the thread is in application callbacks
+    int level = 30, depth = 0;   // depth: how deep the thread is in application callbacks
+    int peerFd = -1, wake[2];
     int64_t elapsedMs = 0;
-    plat::ManualClock clock;
-    plat::ScopedClock useClock{&clock};
-    Peer peer;
+    std::map<std::string, Answer> answers;
     Lines calls;
     zeltest::RecordingLogger log;
+    plat::ManualClock clock;
+    plat::ScopedClock useClock{&clock};
 
 private:
     // CDBSessionOwner
@@ -442,24 +372,49 @@ private:
         if (row_ == rows_->size()) {
             CDBSession::State state = s().state();
             bool open = state == CDBSession::Connected || state == CDBSession::Closing;
-            open ? peer.close() : s().terminate();
+            open ? closePeer() : s().terminate();
             return;
         }
         const Row& row = (*rows_)[row_];
         row.step(*this);
-        peer.flush();
+        flush();
         settling_ = row.expect != "-";
         quiet_ = 0;
         if (!settling_) ++row_;
     }
 
-    // Takes what the peer received; true if anything moved either way.
+    // Reads what reached the peer, answering by the answers, and takes the rest in sent_
+    // ("closed" once the session closed); true if anything moved either way.
     bool collect() {
-        int answered = peer.answered;
-        Lines got = peer.take();
-        for (std::string& m : got)
-            sent_.push_back(stamped_ ? format("@%lld ", static_cast<long long>(elapsedMs)) + m : m);
-        return !got.empty() || peer.answered != answered || peer.unsent();
+        bool moved = !unsent_.empty();
+        flush();
+        pollfd entry = {peerFd, POLLIN, 0};
+        while (peerFd >= 0 && ::poll(&entry, 1, 0) == 1) {
+            moved = true;
+            uint8_t buffer[65536];
+            ssize_t got = ::recv(peerFd, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (got <= 0) {
+                closePeer();
+                sent_.push_back(stamp("closed"));
+                break;
+            }
+            in_.feed(buffer, static_cast<size_t>(got));
+            while (reader_.processMessages()) {
+            }
+            for (std::string& m : messages) {
+                auto answer = std::find_if(answers.begin(), answers.end(), [&](const auto& a) {
+                    return m.compare(0, a.first.size(), a.first) == 0;
+                });
+                if (answer != answers.end()) answer->second(peer_, m);
+                if (answer == answers.end()) sent_.push_back(stamp(m));
+            }
+            messages.clear();
+            flush();
+        }
+        return moved;
+    }
+    std::string stamp(const std::string& m) const {
+        return stamped_ ? format("@%lld ", static_cast<long long>(elapsedMs)) + m : m;
     }
     void finishRow() {
         std::string seen = observe(), expect = (*rows_)[row_].expect;
@@ -474,7 +429,12 @@ private:
 
     Role role_;
     std::string url_;
-    int port_ = 0, wake_[2];
+    int port_ = 0, listener_ = -1;
+    rdr::MemOutStream out_;
+    CDBWriter peer_{out_, nullptr};  // what the peer sends
+    Bytes unsent_;
+    FeedInStream in_;
+    zelcdbsdk::CDBReader reader_{*this, in_, nullptr};
     std::unique_ptr<CDBSession> session_;
     std::vector<CDBService> services_;
     std::vector<CDBService::HandlerRef> handlers_;
@@ -488,8 +448,7 @@ private:
     size_t logged_ = 0;
 };
 
-inline void record(ZELCDBEndpoint* e, void* bench, uint16_t, void* serviceContext,
-                   const std::string& call) {
+inline void record(ZELCDBEndpoint* e, void* bench, void* serviceContext, const std::string& call) {
     Bench& b = *static_cast<Bench*>(bench);
     EXPECT_EQ(e, b.endpointHandle());
     EXPECT_EQ(serviceContext, &b.calls);
