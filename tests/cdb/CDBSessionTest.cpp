@@ -143,39 +143,36 @@ TEST(CDBSession, HowASessionEnds) {
                       listening = "30 Listening on URL | " + byeByeExpired(Role::kServer);
     struct Case {
         Role role;
-        std::vector<Row> rows;
-        std::string outcome;
         int tcp;  // 0: a socket pair, 1: loopback, 2: loopback from before the connection
+        std::string outcome;
+        std::vector<Row> rows;
     };
+    const std::string lost = "Connection lost", ended = "Disconnected";
     std::vector<Case> cases = {
-        {Role::kClient, {{kByeBye, "closed"}}, "Disconnected", 0},
-        {Role::kClient, {{kTerminate, "ByeBye"}, {kByeBye, "closed"}}, "Disconnected", 0},
-        {Role::kServer, {{kByeBye, "ByeBye"}}, "Connection lost", 0},
-        {Role::kServer, {{kTerminate, "ByeBye"}, {kByeBye, ""}}, "Connection lost", 0},
-        {Role::kClient, {{[](B& b) { b.closePeer(); }, ""}}, "Connection lost", 0},
+        {Role::kClient, 0, ended, {{kByeBye, "closed"}}},
+        {Role::kClient, 0, ended, {{kTerminate, "ByeBye"}, {kByeBye, "closed"}}},
+        {Role::kServer, 0, lost, {{kByeBye, "ByeBye"}}},
+        {Role::kServer, 0, lost, {{kTerminate, "ByeBye"}, {kByeBye, ""}}},
+        {Role::kClient, 0, lost, {{[](B& b) { b.closePeer(); }, ""}}},
         {Role::kClient,
+         0,
+         ended,
          {{B::send([](W& w) { w.sendPingResponse(1); }),
            "ServiceResponse 0x0000 0x0208 | ByeBye | 0 Sequence number in PingResponse is "
            "incorrect! Expected 0, got 1 - terminating CDB"},
-          {kByeBye, "closed"}},
-         "Disconnected",
-         0},
-        {Role::kClient,
-         {{raw({0xb1, 0x00, 0, 0}), "closed"}},
-         "Unknown message type 45312 (0xb100)",
-         0},
+          {kByeBye, "closed"}}},
         // In one segment, so the answer is still unsent when the junk behind it throws.
         {Role::kClient,
-         {{raw(ping7 + Bytes{0xb1, 0x0a, 0, 0}), "PingResponse 7 | closed"}},
+         0,
          "Unknown message type 45322 (0xb10a)",
-         0},
-        {Role::kClient, {{raw({0x55}, MSG_OOB), "closed | 0 Disconnected"}}, "Disconnected", 1},
-        {Role::kClient, {{kTerminate, connecting}}, "Disconnected", 2},
-        {Role::kServer, {{kTerminate, listening}}, "Disconnected", 2},
+         {{raw(ping7 + Bytes{0xb1, 0x0a, 0, 0}), "PingResponse 7 | closed"}}},
+        {Role::kClient, 1, ended, {{raw({0x55}, MSG_OOB), "closed | 0 Disconnected"}}},
+        {Role::kClient, 2, ended, {{kTerminate, connecting}}},
+        {Role::kServer, 2, ended, {{kTerminate, listening}}},
         {Role::kServer,
-         {{[](B& b) { b.connectPeer(); }, "-"}, {kTerminate, "closed | " + listening}},
-         "Disconnected",
-         2},
+         2,
+         ended,
+         {{[](B& b) { b.connectPeer(); }, "-"}, {kTerminate, "closed | " + listening}}},
     };
     for (CDBVersion v : {CDBVersion{1, 0}, CDBVersion{1, 2}, CDBVersion{2, 1}}) {
         for (bool request : {true, false}) {
@@ -183,12 +180,12 @@ TEST(CDBSession, HowASessionEnds) {
                 request ? w.sendServicesRequest(v) : w.sendServicesSupported(v, nullptr, 0);
             });
             cases.push_back({Role::kClient,
+                             0,
+                             ended,
                              {{send, format("ServiceResponse 0x0000 0x0209 | ByeBye | 0 Peer "
                                             "endpoint has unsupported protocol version %d.%d",
                                             v.majorNumber, v.minorNumber)},
-                              {kByeBye, "closed"}},
-                             "Disconnected",
-                             0});
+                              {kByeBye, "closed"}}});
         }
     }
     for (const Case& c : cases) {
