@@ -196,15 +196,15 @@ TEST(CDBSession, HowASessionEnds) {
     }
 }
 
-TEST(CDBSession, ServiceResponseReactions) {
+TEST(CDBSession, EachServiceResponseCodeHasItsReaction) {
     const uint16_t kPeer = 0x4001, kOwn = 0x0001;
     const std::string from = "30 Received ServiceResponse(";
-    struct Row {
+    struct Reaction {
         uint16_t id, code;
         std::string seen;
     };
     // The sink hears every code for its service, and our outstanding request is settled.
-    std::vector<Row> rows = {
+    std::vector<Reaction> rows = {
         {kPeer, 0x0202,
          "ByeBye | response 0x4001 0x0202 | " + from +
              "ServiceTerminationFailed) from peer - terminating CDB"},
@@ -230,7 +230,7 @@ TEST(CDBSession, ServiceResponseReactions) {
     for (uint16_t code :
          {0x0001, 0x0002, 0x0101, 0x0102, 0x0201, 0x0203, 0x0204, 0x0205, 0x0207, 0x020a})
         rows.push_back({kPeer, code, format("response 0x4001 0x%04x", code)});
-    for (const Row& row : rows) {
+    for (const Reaction& row : rows) {
         SCOPED_TRACE(format("service 0x%04x, code 0x%04x", row.id, row.code));
         auto pending = B::on([&](CDBSession& s) {
             EXPECT_EQ(s.pendingRequestIds().size(), row.id == kPeer ? 0u : 1u);

@@ -164,19 +164,18 @@ const ZELCDBSinkCallbacks kSinkCallbacks = {
         record(e, b, sc, format("response 0x%04x 0x%04x", id, code));
     }};
 
-// One session on the test's thread and a virtual clock, and both its ends: the peer, which
-// speaks raw CDB at the far end of a socket pair (or, with tcp set, of loopback), and the
-// application, whose callbacks and owner calls land in `calls`. The wake-up descriptor the
-// session watches always holds a byte, so every turn of its loop services the owner's
-// messages, and each such turn performs the next row's step. After a step the bench lets
-// the loop turn until nothing has moved either way for three turns, moving the clock as
-// advance() asked, then checks observe() against the row. Once the rows are done the peer
-// closes the connection; once run() has ended the sinks are told, as the endpoint tells them.
+// One session on the test's thread and a virtual clock, between a peer that speaks raw CDB
+// at the far end of a socket pair (or, with tcp set, of loopback) and an application whose
+// callbacks and owner calls land in `calls`. The wake-up descriptor always holds a byte, so
+// every turn of the session's loop services the owner's messages, and such a turn performs
+// the next row's step. After a step the loop turns until nothing has moved either way for
+// three turns, the clock moving as advance() asked; then observe() must match the row. Once
+// the rows are done the peer closes the connection; once run() has ended the sinks are told.
 //
-// What the peer receives becomes one line per message (TextHandler). An answer answers every
-// message that begins with its prefix and hides it: the peer answers pings, and the
-// ServicesRequest with `theirs`. Unless preamble is cleared, the script begins after that
-// exchange, its effects unobserved.
+// What the peer receives becomes one line per message (TextHandler), except what an answer
+// takes: an answer answers each message that begins with its prefix. The peer answers pings,
+// and the ServicesRequest with `theirs`; unless preamble is cleared, the script begins after
+// that exchange, its effects unobserved.
 class Bench : public zelcdbsdk::CDBSessionOwner, public TextHandler {
 public:
     using Answer = std::function<void(CDBWriter&, const std::string& message)>;
