@@ -1,12 +1,11 @@
 #pragma once
 
-// The CDB layer's test kit: bytes, a stream the test feeds, a text form of every message,
-// the scripted raw peer, and Bench, which runs one session on the test's own thread against
-// that peer, one step of a script per turn of the session's loop.
+// The CDB layer's test kit: a stream the test feeds, a text form of every message, and
+// Bench, which runs one session on the test's own thread between a scripted raw peer and a
+// recording application, one step of a script per turn of the session's loop.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,6 +20,7 @@
 
 #include "TestText.h"
 #include "cdb/CDBReader.h"
+#include "cdb/CDBServiceHandlers.h"
 #include "cdb/CDBSession.h"
 #include "cdb/CDBWriter.h"
 #include "mirrorlink/TcpSocket.h"
@@ -39,8 +39,6 @@ using zelcdbsdk::CDBService;
 using zelcdbsdk::CDBSession;
 using zelcdbsdk::CDBVersion;
 using zelcdbsdk::CDBWriter;
-
-constexpr int kPatienceMs = 10000;  // the longest a test waits for a socket before failing
 
 inline Bytes operator+(Bytes a, const Bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -84,157 +82,51 @@ inline std::string describe(const CDBService& s) {
 // Renders each message it is handed as one line.
 struct TextHandler : zelcdbsdk::CDBProtocolHandler {
     Lines messages;
+    template <typename... A>
+    void add(const char* text, A... args) {
+        messages.push_back(format(text, args...));
+    }
     void handleServicesRequest(CDBVersion v) override {
-        messages.push_back(format("ServicesRequest %d.%d", v.majorNumber, v.minorNumber));
+        add("ServicesRequest %d.%d", v.majorNumber, v.minorNumber);
     }
     void handleServicesSupported(CDBVersion v, const std::vector<CDBService>& list,
                                  uint16_t) override {
-        std::string text = format("ServicesSupported %d.%d", v.majorNumber, v.minorNumber);
-        for (const CDBService& s : list) text += (&s == &list[0] ? ": " : ", ") + describe(s);
-        messages.push_back(text);
+        add("ServicesSupported %d.%d", v.majorNumber, v.minorNumber);
+        for (const CDBService& s : list)
+            messages.back() += (&s == &list[0] ? ": " : ", ") + describe(s);
     }
     void handleStartService(uint16_t id, CDBVersion v) override {
-        messages.push_back(format("StartService 0x%04x %d.%d", id, v.majorNumber, v.minorNumber));
+        add("StartService 0x%04x %d.%d", id, v.majorNumber, v.minorNumber);
     }
-    void handleStopService(uint16_t id) override {
-        messages.push_back(format("StopService 0x%04x", id));
-    }
+    void handleStopService(uint16_t id) override { add("StopService 0x%04x", id); }
     void handleServicePayload(uint16_t id, uint8_t ac, size_t n, const uint8_t* data) override {
-        messages.push_back(format("ServicePayload 0x%04x ac=%d ", id, ac) +
-                           zeltest::hex(data, n, ""));
+        add("ServicePayload 0x%04x ac=%d %s", id, ac, zeltest::hex(data, n, "").c_str());
     }
     void handleServiceResponse(uint16_t id, uint16_t code) override {
-        messages.push_back(format("ServiceResponse 0x%04x 0x%04x", id, code));
+        add("ServiceResponse 0x%04x 0x%04x", id, code);
     }
-    void handlePing(uint16_t n) override { messages.push_back(format("Ping %d", n)); }
-    void handlePingResponse(uint16_t n) override {
-        messages.push_back(format("PingResponse %d", n));
-    }
+    void handlePing(uint16_t n) override { add("Ping %d", n); }
+    void handlePingResponse(uint16_t n) override { add("PingResponse %d", n); }
     void handleByeBye() override { messages.push_back("ByeBye"); }
 };
 
-// A loopback socket connected to *port, or else bound to a free port, which *port receives
+// A loopback socket connected to port, or else bound to a free port, which *bound receives
 // (with SO_REUSEADDR, so that a server may bind the port again while this one holds it).
-inline int loopbackSocket(int* port, bool connect) {
+inline int loopback(int port, int* bound = nullptr) {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0), on = 1;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(connect ? *port : 0));
+    address.sin_port = htons(static_cast<uint16_t>(port));
     socklen_t length = sizeof address;
     auto* a = reinterpret_cast<sockaddr*>(&address);
-    if (connect) return ::connect(fd, a, length) == 0 ? fd : (::close(fd), -1);
+    if (port) return ::connect(fd, a, length) == 0 ? fd : (::close(fd), -1);
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     ::bind(fd, a, length);
     ::getsockname(fd, a, &length);
-    *port = ntohs(address.sin_port);
+    *bound = ntohs(address.sin_port);
     return fd;
 }
-
-// The far end of a session's connection, speaking raw CDB. What it receives becomes one line
-// per message. A rule answers every message that begins with its prefix and hides it, as a
-// healthy peer answers pings without the test spelling each one out.
-class Peer {
-public:
-    using Reply = std::function<void(CDBWriter&, const std::string& message)>;
-    ~Peer() {
-        close();
-        if (listener_ >= 0) ::close(listener_);
-    }
-    void adopt(int fd) {
-        close();
-        fd_ = fd;
-    }
-    void close() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-    // Listens for a client session; returns the URL to give it.
-    std::string listen() {
-        int port;
-        ::listen(listener_ = loopbackSocket(&port, false), 1);
-        return "cdb://127.0.0.1:" + std::to_string(port);
-    }
-    bool accept() {
-        pollfd entry = {listener_, POLLIN, 0};
-        if (::poll(&entry, 1, kPatienceMs) == 1) adopt(::accept(listener_, nullptr, nullptr));
-        return fd_ >= 0;
-    }
-    bool connect(int port) {
-        adopt(loopbackSocket(&port, true));
-        return fd_ >= 0;
-    }
-
-    void on(const std::string& prefix, Reply reply) { rules_[prefix] = std::move(reply); }
-    void off(const std::string& prefix) { rules_.erase(prefix); }
-
-    // What is written here goes out with the next flush(), sendRaw() or take(),
-    // without blocking: what the socket cannot take yet waits for the flush after.
-    CDBWriter& w() { return writer_; }
-    void flush() {
-        unsent_.insert(unsent_.end(), out_.data(), out_.data() + out_.length());
-        out_.clear();
-        ssize_t n = unsent_.empty() || fd_ < 0
-                        ? 0
-                        : ::send(fd_, unsent_.data(), unsent_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        unsent_.erase(unsent_.begin(), unsent_.begin() + std::max<ssize_t>(n, 0));
-    }
-    bool unsent() const { return !unsent_.empty(); }
-    void sendRaw(const Bytes& bytes, int flags = 0) {
-        flush();
-        if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | flags) < 0) ADD_FAILURE();
-    }
-
-    // Every message that has arrived, without waiting; "closed" once the session closed.
-    Lines take() {
-        while (receive()) {
-        }
-        Lines got;
-        got.swap(text_.messages);
-        return got;
-    }
-    int answered = 0;  // messages the rules answered
-
-private:
-    // Reads what is there, answering by the rules; false when nothing came.
-    bool receive() {
-        flush();
-        pollfd entry = {fd_, POLLIN, 0};
-        if (fd_ < 0 || ::poll(&entry, 1, 0) != 1) return false;
-        uint8_t buffer[65536];
-        ssize_t got = ::recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
-        Lines& all = text_.messages;
-        size_t i = all.size();
-        if (got <= 0) {
-            close();
-            all.push_back("closed");
-            return true;
-        }
-        in_.feed(buffer, static_cast<size_t>(got));
-        while (reader_.processMessages()) {
-        }
-        while (i < all.size()) {
-            auto rule = std::find_if(rules_.begin(), rules_.end(), [&](const auto& r) {
-                return all[i].compare(0, r.first.size(), r.first) == 0;
-            });
-            if (rule == rules_.end() && ++i) continue;
-            rule->second(writer_, all[i]);
-            ++answered;
-            all.erase(all.begin() + static_cast<std::ptrdiff_t>(i));
-        }
-        flush();
-        return true;
-    }
-
-    int fd_ = -1, listener_ = -1;
-    std::map<std::string, Reply> rules_;
-    rdr::MemOutStream out_;
-    Bytes unsent_;
-    CDBWriter writer_{out_, nullptr};
-    FeedInStream in_;
-    TextHandler text_;
-    zelcdbsdk::CDBReader reader_{text_, in_, nullptr};
-};
 
 inline void pong(CDBWriter& w, const std::string& ping) {
     w.sendPingResponse(static_cast<uint16_t>(std::stoi(ping.substr(5))));
@@ -246,73 +138,87 @@ class Bench;
 using Step = std::function<void(Bench&)>;
 // A step of the script and what must come of it (see Bench::observe()). "-" runs the next
 // row in the very next turn of the loop, without waiting or checking; "*" waits as for a
-// check, then forgets what came.
+// check, then forgets what came. "URL" in what must come stands for the bench's URL.
 struct Row {
     Step step;
     std::string expect;
 };
 
-// Writes what a service or sink is told into calls.
-struct TraceHandler : CDBService::Handler {
-    TraceHandler(Lines& calls, uint16_t id) : Handler(nullptr, id), calls(calls) {}
-    void startService(CDBVersion v) override {
-        calls.push_back(format("start 0x%04x %d.%d", serviceId(), v.majorNumber, v.minorNumber));
-        if (onStart) onStart();
-    }
-    void stopService() override { calls.push_back(format("stop 0x%04x", serviceId())); }
-    void serviceResponse(uint16_t code) override {
-        calls.push_back(format("response 0x%04x 0x%04x", serviceId(), code));
-    }
-    void servicePayload(const uint8_t* data, size_t n) override {
-        calls.push_back(format("payload 0x%04x ", serviceId()) + zeltest::hex(data, n, ""));
-    }
-    void sessionEnded() override { calls.push_back(format("ended 0x%04x", serviceId())); }
-    Lines& calls;
-    std::function<void()> onStart;
-};
+// The application's plain CDB callbacks, as an endpoint holds them behind its own services
+// and sinks. Each writes what it was given into the calls of the Bench that is its endpoint
+// context, and checks the handle, the service context and the callback bracket.
+inline void record(ZELCDBEndpoint* e, void* bench, void* serviceContext, const std::string& call);
+const ZELCDBSourceServiceCallbacks kSourceCallbacks = {
+    [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc, uint8_t major, uint8_t minor) {
+        record(e, b, sc, format("start 0x%04x %d.%d", id, major, minor));
+    },
+    [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc) {
+        record(e, b, sc, format("stop 0x%04x", id));
+    },
+    [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc, const uint8_t* data, uint32_t n) {
+        record(e, b, sc, format("payload 0x%04x ", id) + zeltest::hex(data, n, ""));
+    }};
+const ZELCDBSinkCallbacks kSinkCallbacks = {
+    kSourceCallbacks.payloadCallback,
+    [](ZELCDBEndpoint* e, void* b, uint16_t id, void* sc, uint16_t code) {
+        record(e, b, sc, format("response 0x%04x 0x%04x", id, code));
+    }};
 
-// One session on the test's thread and a virtual clock, connected to a Peer through a socket
-// pair (or, with tcp set, through loopback). The wake-up descriptor the session watches
-// always holds a byte, so every turn of its loop services the owner's messages, and each
-// such turn performs the next row's step. After a step the bench lets the loop turn until
-// nothing has moved either way for three turns, moving the clock as advance() asked, then
-// checks observe() against the row. Once the rows are done the peer closes the connection;
-// once run() has ended the sinks are told, as the endpoint tells them.
+// One session on the test's thread and a virtual clock, between a peer that speaks raw CDB
+// at the far end of a socket pair (or, with tcp set, of loopback) and an application whose
+// callbacks and owner calls land in `calls`. The wake-up descriptor always holds a byte, so
+// every turn of the session's loop services the owner's messages, and such a turn performs
+// the next row's step. After a step the loop turns until nothing has moved either way for
+// three turns, the clock moving as advance() asked; then observe() must match the row. Once
+// the rows are done the peer closes the connection; once run() has ended the sinks are told.
 //
-// The peer answers pings, and the session's ServicesRequest with `theirs`; unless preamble
-// is cleared, the script begins after that exchange, its effects unobserved.
-class Bench : public zelcdbsdk::CDBSessionOwner {
+// What the peer receives becomes one line per message (TextHandler), except what an answer
+// takes: an answer answers each message that begins with its prefix. The peer answers pings,
+// and the ServicesRequest with `theirs`; unless preamble is cleared, the script begins after
+// that exchange, its effects unobserved.
+class Bench : public zelcdbsdk::CDBSessionOwner, public TextHandler {
 public:
+    using Answer = std::function<void(CDBWriter&, const std::string& message)>;
     explicit Bench(Role role, std::vector<CDBService> theirs = {}) : role_(role) {
-        if (::pipe(wake_) != 0 || ::write(wake_[1], "w", 1) != 1) ADD_FAILURE() << "pipe";
-        peer.on("Ping ", pong);
-        peer.on("ServicesRequest ", [theirs](CDBWriter& w, const std::string&) {
+        if (::pipe(wake) != 0 || ::write(wake[1], "w", 1) != 1) ADD_FAILURE() << "pipe";
+        answers["Ping "] = pong;
+        answers["ServicesRequest "] = [theirs](CDBWriter& w, const std::string&) {
             w.sendServicesSupported({1, 1}, theirs.data(), theirs.size());
-        });
+        };
     }
     ~Bench() override {
-        for (int fd : {wake_[0], wake_[1], reserved_})
+        for (int fd : {wake[0], wake[1], peerFd, listener_})
             if (fd >= 0) ::close(fd);
     }
 
     bool client() const { return role_ == Role::kClient; }
-    // Own service i, in order of adding, with a handler that writes into calls.
-    TraceHandler& addService(const char* name, CDBVersion v, uint8_t attr = 0, uint8_t ac = 0) {
+    // Own service i, in order of adding, forwarding to the source callbacks.
+    void addService(const char* name, CDBVersion v, uint8_t attr = 0, uint8_t ac = 0) {
         uint16_t id = static_cast<uint16_t>((client() ? 1 : 0x4001) + services_.size());
-        services_.emplace_back(id, v, attr, ac, name, trace(id));
-        return *static_cast<TraceHandler*>(services_.back().handler);
-    }
-    TraceHandler* trace(uint16_t id) {
-        handlers_.push_back(CDBService::HandlerRef::adopt(new TraceHandler(calls, id)));
-        return static_cast<TraceHandler*>(handlers_.back().get());
+        auto* source = new zelcdbsdk::CDBSourceHandler(this, &calls, &kSourceCallbacks,
+                                                       sizeof kSourceCallbacks);
+        source->setServiceId(id);
+        handlers_.push_back(CDBService::HandlerRef::adopt(source));
+        services_.emplace_back(id, v, attr, ac, name, source);
     }
 
-    // Steps. sink() attaches a tracing sink to a peer service; advance() moves the clock on
-    // in steps of at most a second, and what the session sends meanwhile is stamped
-    // "@<ms since the script began>"; on() runs fn as a control message from the application
-    // does; send() has the peer send what fn writes.
+    // Steps. sink() attaches a sink to a peer service; advance() moves the clock on in steps
+    // of at most a second, and what the session sends meanwhile is stamped "@<ms since the
+    // script began>"; on() runs fn as a control message from the application does; send()
+    // has the peer send what fn writes.
     static Step sink(uint16_t id) {
-        return [id](Bench& b) { b.s().addSink(id, b.trace(id)); };
+        return [id](Bench& b) {
+            struct Sink : zelcdbsdk::CDBSinkHandler {  // told of the end as SBP's sinks are
+                using CDBSinkHandler::CDBSinkHandler;
+                void sessionEnded() override {
+                    static_cast<Bench*>(host())->calls.push_back(
+                        format("ended 0x%04x", serviceId()));
+                }
+            };
+            auto* sink = new Sink(&b, id, &b.calls, &kSinkCallbacks, sizeof kSinkCallbacks);
+            b.handlers_.push_back(CDBService::HandlerRef::adopt(sink));
+            b.s().addSink(id, sink);
+        };
     }
     static Step advance(int64_t ms) {
         return [ms](Bench& b) { b.advanceLeft_ = ms, b.stamped_ = true; };
@@ -321,16 +227,16 @@ public:
         return [fn](Bench& b) { fn(b.s()); };
     }
     static Step send(std::function<void(CDBWriter&)> fn) {
-        return [fn](Bench& b) { fn(b.peer.w()); };
+        return [fn](Bench& b) { fn(b.peer_); };
     }
 
-    // What the peer received, then what the owner and handlers were told, then the session's
-    // lines at level 30 or more severe, since the last observation; " | " between items.
+    // What the peer received, then what the owner and the callbacks were told, then the
+    // session's lines at `level` or more severe, since the last observation; " | " between.
     std::string observe() {
         Lines items = sent_;
         items.insert(items.end(), calls.begin(), calls.end());
         for (size_t i = logged_; i < log.lines.size(); ++i)
-            if (log.lines[i].facility == "CDBSession" && log.lines[i].level <= 30)
+            if (log.lines[i].facility == "CDBSession" && log.lines[i].level <= level)
                 items.push_back(std::to_string(log.lines[i].level) + " " + log.lines[i].text);
         sent_.clear();
         calls.clear();
@@ -357,7 +263,7 @@ public:
                     ADD_FAILURE() << "socketpair";
                 ::close(pair[0]);
                 end.setBlocking(false);
-                peer.adopt(pair[1]);
+                peerFd = pair[1];
                 session_->runConnected(end);
             }
         } catch (const plat::Exception& e) {
@@ -374,23 +280,48 @@ public:
     CDBSession& s() { return *session_; }
     // A tcp bench's URL: the peer's listening port for a client, a reserved one for a server.
     const char* url() override {
-        if (url_.empty()) url_ = client() ? peer.listen() : reservedUrl();
-        return url_.c_str();
+        if (!url_.empty()) return url_.c_str();
+        listener_ = loopback(0, &port_);
+        if (client()) ::listen(listener_, 1);
+        return (url_ = "cdb://127.0.0.1:" + std::to_string(port_)).c_str();
     }
     // Makes the connection a tcp bench's session is waiting for.
     void connectPeer() {
-        if (!(client() ? peer.accept() : peer.connect(port_))) throw plat::Exception("no peer");
+        pollfd entry = {listener_, POLLIN, 0};
+        if (client() && ::poll(&entry, 1, 10000) == 1)
+            peerFd = ::accept(listener_, nullptr, nullptr);
+        if (!client()) peerFd = loopback(port_);
+        if (peerFd < 0) throw plat::Exception("no peer");
     }
-    int wakeupDescriptor() override { return wake_[0]; }
-    int wakeupWriter() const { return wake_[1]; }
+    void closePeer() {
+        ::close(peerFd);
+        peerFd = -1;
+    }
+    // Sends what the peer wrote, without blocking: what the socket cannot take yet waits for
+    // the next flush. Then sends bytes, if any, with the flags given.
+    void flush(const Bytes& bytes = {}, int flags = 0) {
+        unsent_.insert(unsent_.end(), out_.data(), out_.data() + out_.length());
+        out_.clear();
+        ssize_t n = unsent_.empty() || peerFd < 0 ? 0
+                                                  : ::send(peerFd, unsent_.data(), unsent_.size(),
+                                                           MSG_NOSIGNAL | MSG_DONTWAIT);
+        unsent_.erase(unsent_.begin(), unsent_.begin() + std::max<ssize_t>(n, 0));
+        if (!bytes.empty() && ::send(peerFd, bytes.data(), bytes.size(), flags) < 0) ADD_FAILURE();
+    }
+    int wakeupDescriptor() override { return wake[0]; }
+    ZELCDBEndpoint* endpointHandle() override { return reinterpret_cast<ZELCDBEndpoint*>(0x1234); }
+    void* endpointContext() override { return this; }
 
     bool tcp = false, preamble = true;
+    bool answerOnStart = false;  // the start callback answers with 0x0001 at once
+    int level = 30, depth = 0;   // depth: how deep the thread is in application callbacks
+    int peerFd = -1, wake[2];
     int64_t elapsedMs = 0;
-    plat::ManualClock clock;
-    plat::ScopedClock useClock{&clock};
-    Peer peer;
+    std::map<std::string, Answer> answers;
     Lines calls;
     zeltest::RecordingLogger log;
+    plat::ManualClock clock;
+    plat::ScopedClock useClock{&clock};
 
 private:
     // CDBSessionOwner
@@ -410,10 +341,8 @@ private:
         calls.push_back(event + "]");
     }
     void servicesRequestTimedOut() override { calls.push_back("services request timed out"); }
-    ZELCDBEndpoint* endpointHandle() override { return nullptr; }
-    void* endpointContext() override { return nullptr; }
-    void enterCallback() override {}
-    void leaveCallback() override {}
+    void enterCallback() override { ++depth; }
+    void leaveCallback() override { --depth; }
 
     // One turn of the loop.
     void serviceMessages() override {
@@ -441,42 +370,70 @@ private:
         }
         if (row_ == rows_->size()) {
             CDBSession::State state = s().state();
-            if (state == CDBSession::Connected || state == CDBSession::Closing) peer.close();
-            if (state != CDBSession::Connected && state != CDBSession::Closing) s().terminate();
+            bool open = state == CDBSession::Connected || state == CDBSession::Closing;
+            open ? closePeer() : s().terminate();
             return;
         }
         const Row& row = (*rows_)[row_];
         row.step(*this);
-        peer.flush();
+        flush();
         settling_ = row.expect != "-";
         quiet_ = 0;
         if (!settling_) ++row_;
     }
 
-    // Takes what the peer received; true if anything moved either way.
+    // Reads what reached the peer, answering by the answers, and takes the rest in sent_
+    // ("closed" once the session closed); true if anything moved either way.
     bool collect() {
-        int answered = peer.answered;
-        Lines got = peer.take();
-        for (std::string& m : got)
-            sent_.push_back(stamped_ ? format("@%lld ", static_cast<long long>(elapsedMs)) + m : m);
-        return !got.empty() || peer.answered != answered || peer.unsent();
+        bool moved = !unsent_.empty();
+        flush();
+        pollfd entry = {peerFd, POLLIN, 0};
+        while (peerFd >= 0 && ::poll(&entry, 1, 0) == 1) {
+            moved = true;
+            uint8_t buffer[65536];
+            ssize_t got = ::recv(peerFd, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (got <= 0) {
+                closePeer();
+                sent_.push_back(stamp("closed"));
+                break;
+            }
+            in_.feed(buffer, static_cast<size_t>(got));
+            while (reader_.processMessages()) {
+            }
+            for (std::string& m : messages) {
+                auto answer = std::find_if(answers.begin(), answers.end(), [&](const auto& a) {
+                    return m.compare(0, a.first.size(), a.first) == 0;
+                });
+                if (answer != answers.end()) answer->second(peer_, m);
+                if (answer == answers.end()) sent_.push_back(stamp(m));
+            }
+            messages.clear();
+            flush();
+        }
+        return moved;
+    }
+    std::string stamp(const std::string& m) const {
+        return stamped_ ? format("@%lld ", static_cast<long long>(elapsedMs)) + m : m;
     }
     void finishRow() {
-        std::string seen = observe();
-        if ((*rows_)[row_].expect != "*") {
-            EXPECT_EQ(seen, (*rows_)[row_].expect) << "row " << row_;
+        std::string seen = observe(), expect = (*rows_)[row_].expect;
+        size_t at = expect.find("URL");
+        if (at != std::string::npos) expect.replace(at, 3, url_);
+        if (expect != "*") {
+            EXPECT_EQ(seen, expect) << "row " << row_;
         }
         stamped_ = settling_ = false;
         ++row_;
     }
-    std::string reservedUrl() {
-        reserved_ = loopbackSocket(&port_, false);
-        return "cdb://127.0.0.1:" + std::to_string(port_);
-    }
 
     Role role_;
     std::string url_;
-    int port_ = 0, reserved_ = -1, wake_[2];
+    int port_ = 0, listener_ = -1;
+    rdr::MemOutStream out_;
+    CDBWriter peer_{out_, nullptr};  // what the peer sends
+    Bytes unsent_;
+    FeedInStream in_;
+    zelcdbsdk::CDBReader reader_{*this, in_, nullptr};
     std::unique_ptr<CDBSession> session_;
     std::vector<CDBService> services_;
     std::vector<CDBService::HandlerRef> handlers_;
@@ -489,5 +446,14 @@ private:
     Lines sent_;
     size_t logged_ = 0;
 };
+
+inline void record(ZELCDBEndpoint* e, void* bench, void* serviceContext, const std::string& call) {
+    Bench& b = *static_cast<Bench*>(bench);
+    EXPECT_EQ(e, b.endpointHandle());
+    EXPECT_EQ(serviceContext, &b.calls);
+    EXPECT_EQ(b.depth, 1) << call;
+    b.calls.push_back(call);
+    if (b.answerOnStart && call.compare(0, 6, "start ") == 0) b.s().sendServiceResponse(1, 1);
+}
 
 }  // namespace cdbtest
