@@ -56,8 +56,9 @@ struct TimerManagerTest : ::testing::Test, TimerManager::Callbacks, plat::Logger
     }
 
     // Steps: "a=ms" starts timer a, "a-" stops it, "a*" makes it ask to run again, "a!" makes
-    // it throw, "a?" traces whether it runs; "+ms" and "~ticks" move the clock; "p" traces
-    // what processTimers() returns, "n" what timeUntilNext() does.
+    // it throw, "a^ms" makes it move the clock once and ask again, "a?" traces whether it runs;
+    // "+ms" and "~ticks" move the clock; "p" traces what processTimers() returns, "n" what
+    // timeUntilNext() does.
     std::string run(const std::string& script) {
         out.clear();
         std::istringstream steps(script);
@@ -80,6 +81,11 @@ struct TimerManagerTest : ::testing::Test, TimerManager::Callbacks, plat::Logger
         if (s[1] == '-') return t.timer.stop();
         if (s[1] == '*') t.again = true;
         if (s[1] == '!') t.then = [](Timer&) -> int { throw plat::Exception("callback failed"); };
+        if (s[1] == '^')
+            t.then = [this, &t, ms = std::stoll(s.substr(2))](Timer&) {
+                if (t.firings == 0) clock.advanceMs(ms);
+                return ++t.firings < 100;
+            };
         if (s[1] == '?') trace(t.name + (t.timer.isRunning() ? ":on" : ":off"));
     }
 
@@ -117,6 +123,8 @@ TEST_F(TimerManagerTest, Scripts) {
         {"the clock set back, noticed when a timer starts",
          "a=1000 b=3000 +-3600000 c=60000 +999 p +1 p +2000 p",
          "~1000 <back> p1 a ~2000 p0 b ~57000 p0"},
+        {"a jump noticed as a repeating timer fires re-arms it a whole interval from then",
+         "b=5000 a^-3600000 a=1000 +1000 p n", "~5000 ~1000 a <back> ~1000 p0 n1000"},
         {"four minutes overdue is no jump", "a=1000 b=3000 +241000 p", "~1000 a b ~-1 p0"},
         {"more than four minutes overdue", "a=1000 b=3000 +242000 p +999 p +1 p +2000 p",
          "~1000 <forwards> p1000 p1 a ~2000 p0 b ~-1 p0"},
