@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdarg>
 #include <cstdio>
 #include <fstream>
 #include <functional>
@@ -128,11 +129,12 @@ inline bool matches(const std::string& line, const std::string& pattern) {
 inline uint32_t uidOf(const char* name) {
     return api().hashName(name, ZELSBP_NUL_TERMINATED);
 }
-inline const char* nameOf(uint32_t uid) {
-    return uid == uidOf("speed") ? "speed" : "?";
-}
+// Request contexts are texts.
 inline void* ctx(const char* text) {
     return const_cast<char*>(text);
+}
+inline const char* str(void* context) {
+    return static_cast<const char*>(context);
 }
 #define ZEL_TEXT(data, size) static_cast<int>(size), reinterpret_cast<const char*>(data)
 
@@ -153,17 +155,12 @@ public:
         ZELCDBEndpointParameters parameters = {url.c_str(), mode, this, 1, 1};
         ZELCDBEndpointCallbacks callbacks = {
             [](ZELCDBEndpoint*, void* c, const char* category, int32_t level, const char* text) {
-                rec(c, format("log %s/%d %s", category, level, text));
+                rec(c, "log %s/%d %s", category, level, text);
             },
             [](ZELCDBEndpoint*, void* c, int32_t status, ZELCDBError error) {
-                rec(c, format("status %d %d", status, error));
+                rec(c, "status %d %d", status, error);
             },
-            [](ZELCDBEndpoint*, void* c, uint8_t major, uint8_t minor, const ZELCDBService* list,
-               uint32_t,
-               uint32_t count) { rec(c, "added " + services(major, minor, list, count)); },
-            [](ZELCDBEndpoint*, void* c, uint8_t major, uint8_t minor, const ZELCDBService* list,
-               uint32_t,
-               uint32_t count) { rec(c, "removed " + services(major, minor, list, count)); },
+            &servicesChanged<true>, &servicesChanged<false>,
             [](ZELCDBEndpoint*, void* c) { rec(c, "timeout"); }};
         api().endpointCreate(&ep, &parameters, sizeof parameters, &callbacks, sizeof callbacks);
         if (clock_ && ep) clock_->addListener(&waker_);
@@ -186,11 +183,11 @@ public:
         ZELCDBService service = {0, name, major, minor, attribute, access};
         ZELCDBSourceServiceCallbacks callbacks = {
             [](ZELCDBEndpoint*, void*, uint16_t id, void* s, uint8_t major, uint8_t minor) {
-                rec(s, format("start %d %d.%d", id, major, minor));
+                rec(s, "start %d %d.%d", id, major, minor);
             },
-            [](ZELCDBEndpoint*, void*, uint16_t id, void* s) { rec(s, format("stop %d", id)); },
+            [](ZELCDBEndpoint*, void*, uint16_t id, void* s) { rec(s, "stop %d", id); },
             [](ZELCDBEndpoint*, void*, uint16_t id, void* s, const uint8_t* data, uint32_t size) {
-                rec(s, format("source-payload %d %.*s", id, ZEL_TEXT(data, size)));
+                rec(s, "source-payload %d %.*s", id, ZEL_TEXT(data, size));
             }};
         lastResult = api().endpointAddSourceService(ep, this, &service, sizeof service, &callbacks,
                                                     sizeof callbacks);
@@ -199,10 +196,10 @@ public:
     ZELCDBError addSink(uint16_t id) {
         ZELCDBSinkCallbacks callbacks = {
             [](ZELCDBEndpoint*, void*, uint16_t id, void* s, const uint8_t* data, uint32_t size) {
-                rec(s, format("sink-payload %d %.*s", id, ZEL_TEXT(data, size)));
+                rec(s, "sink-payload %d %.*s", id, ZEL_TEXT(data, size));
             },
             [](ZELCDBEndpoint*, void*, uint16_t id, void* s, uint16_t code) {
-                rec(s, format("response %d 0x%04x", id, code));
+                rec(s, "response %d 0x%04x", id, code);
             }};
         return api().endpointAddSink(ep, this, id, &callbacks, sizeof callbacks);
     }
@@ -283,7 +280,14 @@ private:
         return found;
     }
     static App& of(void* context) { return *static_cast<App*>(context); }
-    static void rec(void* context, const std::string& line) {
+    __attribute__((format(printf, 2, 3))) static void rec(void* context, const char* text, ...) {
+        va_list args, again;
+        va_start(args, text);
+        va_copy(again, args);
+        std::string line(static_cast<size_t>(std::vsnprintf(nullptr, 0, text, args)), '\0');
+        std::vsnprintf(&line[0], line.size() + 1, text, again);
+        va_end(again);
+        va_end(args);
         App& app = of(context);
         Hook hook;
         {
@@ -298,14 +302,15 @@ private:
         std::lock_guard<std::mutex> lock(app.mutex_);
         if (--app.hooksRunning_ == 0) app.changed_.notify_all();
     }
-    static std::string services(uint8_t major, uint8_t minor, const ZELCDBService* list,
-                                uint32_t count) {
-        std::string text = format("%d.%d", major, minor);
+    template <bool kAdded>
+    static void servicesChanged(ZELCDBEndpoint*, void* c, uint8_t major, uint8_t minor,
+                                const ZELCDBService* list, uint32_t, uint32_t count) {
+        std::string text = format("%s %d.%d", kAdded ? "added" : "removed", major, minor);
         for (const ZELCDBService* s = list; s != list + count; ++s) {
             text += format(" [%d %s %d.%d 0x%x 0x%x]", s->serviceId, s->name, s->versionMajor,
                            s->versionMinor, s->serviceAttribute, s->accessControl);
         }
-        return text;
+        rec(c, "%s", text.c_str());
     }
 
     // Answers a Get (or a periodic tick, command 0xB3) with the element's value, from a
@@ -333,46 +338,42 @@ private:
         t.setCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t uid,
                            const uint8_t* data, int32_t size, uint32_t*) -> ZELCDBError {
             of(c).values[uid].assign(reinterpret_cast<const char*>(data), size_t(size));
-            rec(c, "set " + of(c).values[uid]);
+            rec(c, "set %s", of(c).values[uid].c_str());
             return api().sourceSendSetResponse(e, s, nullptr, uid, 0);
         };
         t.subscribeCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t uid,
                                  uint32_t* type, uint32_t* interval, uint32_t*) -> ZELCDBError {
-            rec(c, format("subscribe %s %u %u", nameOf(uid), *type, *interval));
+            rec(c, "subscribe %u %u", *type, *interval);
             return api().sourceSendSubscribeResponse(e, s, nullptr, uid, 0);
         };
-        t.cancelCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t command, uint32_t uid) {
-            rec(c, format("cancel %x %s", command, nameOf(uid)));
+        t.cancelCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t command, uint32_t) {
+            rec(c, "cancel %x", command);
         };
         return t;
     }
     static ZELSBPSinkCallbacks sinkCallbacks() {
         ZELSBPSinkCallbacks t{};
         t.serviceStatusCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c, uint16_t status) {
-            rec(c, format("status %d", status));
+            rec(c, "status %d", status);
         };
         t.dataCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command, uint32_t,
                             const uint8_t* payload, int32_t size) {
-            rec(c,
-                format("data %s %x %.*s", static_cast<char*>(r), command, ZEL_TEXT(payload, size)));
+            rec(c, "data %s %x %.*s", str(r), command, ZEL_TEXT(payload, size));
         };
-        t.setDoneCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t uid) {
-            rec(c, format("set-done %s %s", static_cast<char*>(r), nameOf(uid)));
+        t.setDoneCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t) {
+            rec(c, "set-done %s", str(r));
         };
-        t.subscribedCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t uid) {
-            rec(c, format("subscribed %s %s", static_cast<char*>(r), nameOf(uid)));
+        t.subscribedCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t) {
+            rec(c, "subscribed %s", str(r));
         };
         t.cancelledCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command,
-                                 uint32_t uid) {
-            rec(c, format("cancelled %s %x %s", static_cast<char*>(r), command, nameOf(uid)));
-        };
+                                 uint32_t) { rec(c, "cancelled %s %x", str(r), command); };
         t.errorCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command,
-                             uint32_t uid, ZELCDBError error, uint32_t result) {
-            rec(c, format("error %s %x %s %d %x", static_cast<char*>(r), command, nameOf(uid),
-                          error, result));
+                             uint32_t, ZELCDBError error, uint32_t result) {
+            rec(c, "error %s %x %d %x", str(r), command, error, result);
         };
         t.aliveResponseCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r) {
-            rec(c, format("alive %s", static_cast<char*>(r)));
+            rec(c, "alive %s", str(r));
         };
         return t;
     }
