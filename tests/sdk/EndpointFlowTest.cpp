@@ -24,15 +24,6 @@ std::string noSuchPeerService(uint16_t id) {
 
 class EndpointFlow : public ::testing::Test {
 protected:
-    void connectWithServices() {
-        ASSERT_EQ(server.addSource("echo", 1, 2, 0x1234, 0x0507), kEcho);
-        ASSERT_EQ(server.addSource("second", 2, 0), kEcho + 1);
-        ASSERT_EQ(client.addSource("client.svc", 3, 1, 0, 9), kUp);
-        ASSERT_TRUE(pair.connect());
-        ASSERT_EQ(client.addSink(kEcho), ZELCDBErrorNone);
-        ASSERT_TRUE(client.waitFor("log CDBSession/30 Sink added for peer service 16385 (0x4001)"));
-    }
-
     plat::ManualClock clock;
     plat::ScopedClock useClock{&clock};
     Pair pair{&clock};
@@ -40,8 +31,36 @@ protected:
     App& client = pair.client;
 };
 
-TEST_F(EndpointFlow, WholePlainCdbFlowBetweenTwoEndpoints) {
-    connectWithServices();
+// Services and commands both ways, with calls from inside every kind of the client's
+// callbacks. Each trigger makes the hook ask for two peer services that do not exist:
+// performed at once, their error lines would come before the hook ends (or, in the status 1
+// callback, not at all, since no session exists yet); queued, they follow it, in order.
+TEST_F(EndpointFlow, WholePlainCdbFlowWithCallsFromInsideEveryCallback) {
+    const std::vector<std::pair<std::string, uint16_t>> triggers = {
+        {"status 1 0", 0x7000},         {"status 2 0", 0x7002},
+        {"removed *", 0x7006},          {"added *", 0x7008},
+        {"start 1 *", 0x700A},          {"stop 1", 0x700C},
+        {"source-payload 1 *", 0x700E}, {"sink-payload 16385 *", 0x7010},
+        {"response 16385 *", 0x7012},   {"log CDBSession/30 Connection*", 0x7004},
+    };
+    std::vector<bool> fired(triggers.size());
+    ScopedHook hook(client, [&](App& app, const std::string& line) {
+        for (size_t i = 0; i < triggers.size(); ++i) {
+            if (fired[i] || !matches(line, triggers[i].first)) continue;
+            fired[i] = true;
+            ZELCDBError first = app.startService(triggers[i].second);
+            ZELCDBError second = app.startService(triggers[i].second + 1);
+            app.add(format("hook-end %s %d %d", triggers[i].first.c_str(), first, second));
+        }
+        if (line == "sink-payload 16385 destroy")
+            app.add(format("destroy returned %d", api().endpointDestroy(app.ep)));
+        if (line == "sink-payload 16385 stop" || line == "log CDBWriter/100 Sending ByeBye")
+            app.add(format("stop returned %d", app.stop()));
+    });
+    ASSERT_EQ(server.addSource("echo", 1, 2, 0x1234, 0x0507), kEcho);
+    ASSERT_EQ(server.addSource("second", 2, 0), kEcho + 1);
+    ASSERT_EQ(client.addSource("client.svc", 3, 1, 0, 9), kUp);
+    ASSERT_TRUE(pair.connect());
     // The removed list comes first, then the added one; only the low 8 bits of attribute
     // and access control travel.
     const std::string advertised = "added 1.1 [16385 echo 1.2 0x34 0x7] [16386 second 2.0 0x0 0x0]";
@@ -49,6 +68,7 @@ TEST_F(EndpointFlow, WholePlainCdbFlowBetweenTwoEndpoints) {
     EXPECT_LT(client.indexOf("removed 1.1"), client.indexOf(advertised));
     EXPECT_EQ(server.all("added *"), Lines{"added 1.1 [1 client.svc 3.1 0x0 0x9]"});
 
+    ASSERT_EQ(client.addSink(kEcho), ZELCDBErrorNone);
     EXPECT_EQ(client.startService(kEcho), ZELCDBErrorNone);
     ASSERT_TRUE(server.waitFor("start 16385 1.2"));
     EXPECT_EQ(server.respond(kEcho, 0x0001), ZELCDBErrorNone);
@@ -65,15 +85,23 @@ TEST_F(EndpointFlow, WholePlainCdbFlowBetweenTwoEndpoints) {
     ASSERT_TRUE(client.waitFor("sink-payload 16385 pong"));
     EXPECT_EQ(client.stopService(kEcho), ZELCDBErrorNone);
     ASSERT_TRUE(server.waitFor("stop 16385"));
+    ASSERT_EQ(server.addSink(kUp), ZELCDBErrorNone);
+    ASSERT_EQ(server.startService(kUp), ZELCDBErrorNone);
+    ASSERT_EQ(server.stopService(kUp), ZELCDBErrorNone);
+    ASSERT_EQ(server.send(kUp, "to the client's source"), ZELCDBErrorNone);
+    for (const auto& t : triggers) {
+        SCOPED_TRACE(t.first);
+        ASSERT_TRUE(client.waitFor(noSuchPeerService(t.second + 1)));
+        int hookEnd = client.indexOf(format("hook-end %s 0 0", t.first.c_str()));
+        ASSERT_GE(hookEnd, 0);
+        EXPECT_LT(hookEnd, client.indexOf(noSuchPeerService(t.second)));
+        EXPECT_LT(client.indexOf(noSuchPeerService(t.second)),
+                  client.indexOf(noSuchPeerService(t.second + 1)));
+    }
 
     // Destroy from inside a callback is refused and the endpoint goes on; Stop from inside
     // one ends the thread without waiting for itself, and the next Stop joins it.
     int baseline = threadCount();
-    client.setHook([](App& app, const std::string& line) {
-        if (line == "sink-payload 16385 destroy")
-            app.add(format("destroy returned %d", api().endpointDestroy(app.ep)));
-        if (line == "sink-payload 16385 stop") app.add(format("stop returned %d", app.stop()));
-    });
     ASSERT_EQ(server.send(kEcho, "destroy"), ZELCDBErrorNone);
     ASSERT_TRUE(client.waitFor("destroy returned 6"));
     EXPECT_EQ(client.count(
@@ -103,54 +131,9 @@ TEST_F(EndpointFlow, WholePlainCdbFlowBetweenTwoEndpoints) {
     // Destroyed while connected: the ByeBye exchange ends both sides at once. The endpoint
     // thread must never wait for what the destroying thread holds: a Stop from a callback
     // meanwhile just returns.
-    client.setHook([](App& app, const std::string& line) {
-        if (line == "log CDBWriter/100 Sending ByeBye")
-            app.add(format("inner stop %d", app.stop()));
-    });
     EXPECT_EQ(client.destroy(), ZELCDBErrorNone);
     EXPECT_TRUE(server.waitFor("status 3 *", 2));
-    EXPECT_EQ(client.count("inner stop 0"), 1);
-}
-
-// Each trigger makes the hook ask for two peer services that do not exist. Performed at
-// once, their error lines would come before the hook ends (or, in the status 1 callback, not
-// at all, since no session exists yet); queued, they follow it, in order.
-TEST_F(EndpointFlow, CallsFromInsideEveryCallbackRunAfterItReturnsInOrder) {
-    const std::vector<std::pair<std::string, uint16_t>> triggers = {
-        {"status 1 0", 0x7000},         {"status 2 0", 0x7002},
-        {"removed *", 0x7006},          {"added *", 0x7008},
-        {"start 1 *", 0x700A},          {"stop 1", 0x700C},
-        {"source-payload 1 *", 0x700E}, {"sink-payload 16385 *", 0x7010},
-        {"response 16385 *", 0x7012},   {"log CDBSession/30 Connection*", 0x7004},
-    };
-    std::vector<bool> fired(triggers.size());
-    ScopedHook hook(client, [&](App& app, const std::string& line) {
-        for (size_t i = 0; i < triggers.size(); ++i) {
-            if (fired[i] || !matches(line, triggers[i].first)) continue;
-            fired[i] = true;
-            ZELCDBError first = app.startService(triggers[i].second);
-            ZELCDBError second = app.startService(triggers[i].second + 1);
-            app.add(format("hook-end %s %d %d", triggers[i].first.c_str(), first, second));
-        }
-    });
-    connectWithServices();
-    ASSERT_EQ(server.addSink(kUp), ZELCDBErrorNone);
-    ASSERT_EQ(server.startService(kUp), ZELCDBErrorNone);
-    ASSERT_EQ(server.stopService(kUp), ZELCDBErrorNone);
-    ASSERT_EQ(server.send(kUp, "to the client's source"), ZELCDBErrorNone);
-    ASSERT_EQ(server.send(kEcho, "to the client's sink"), ZELCDBErrorNone);
-    ASSERT_EQ(client.startService(kEcho), ZELCDBErrorNone);
-    ASSERT_TRUE(server.waitFor("start 16385 1.2"));
-    ASSERT_EQ(server.respond(kEcho, 0x0001), ZELCDBErrorNone);
-    for (const auto& t : triggers) {
-        SCOPED_TRACE(t.first);
-        ASSERT_TRUE(client.waitFor(noSuchPeerService(t.second + 1)));
-        int hookEnd = client.indexOf(format("hook-end %s 0 0", t.first.c_str()));
-        ASSERT_GE(hookEnd, 0);
-        EXPECT_LT(hookEnd, client.indexOf(noSuchPeerService(t.second)));
-        EXPECT_LT(client.indexOf(noSuchPeerService(t.second)),
-                  client.indexOf(noSuchPeerService(t.second + 1)));
-    }
+    EXPECT_EQ(client.all("stop returned *"), Lines(3, "stop returned 0"));
 }
 
 // A peer that accepts and then says nothing: the ServicesRequest timeout reaches the
