@@ -146,12 +146,12 @@ inline const char* str(void* context) {
 //   response <id> <code>                   SBP source: sbp-start, sbp-stop, terminated, set,
 //   subscribe, cancel                      SBP sink: status <code>, data, set-done,
 //   subscribed, cancelled, error, alive: "<what> <ctx> <cmd> <name> ..."
-class App {
+class App : plat::ManualClock::Listener {
 public:
     using Hook = std::function<void(App&, const std::string&)>;
 
     App(int32_t mode, std::string endpointUrl, plat::ManualClock* clock = nullptr)
-        : url(std::move(endpointUrl)), clock_(clock), waker_(this) {
+        : url(std::move(endpointUrl)), clock_(clock) {
         ZELCDBEndpointParameters parameters = {url.c_str(), mode, this, 1, 1};
         ZELCDBEndpointCallbacks callbacks = {
             [](ZELCDBEndpoint*, void* c, const char* category, int32_t level, const char* text) {
@@ -163,13 +163,13 @@ public:
             &servicesChanged<true>, &servicesChanged<false>,
             [](ZELCDBEndpoint*, void* c) { rec(c, "timeout"); }};
         api().endpointCreate(&ep, &parameters, sizeof parameters, &callbacks, sizeof callbacks);
-        if (clock_ && ep) clock_->addListener(&waker_);
+        if (clock_ && ep) clock_->addListener(this);
     }
     ~App() { destroy(); }
 
     ZELCDBError destroy() {
         if (!ep) return ZELCDBErrorNone;
-        if (clock_) clock_->removeListener(&waker_);
+        if (clock_) clock_->removeListener(this);
         ZELCDBError result = api().endpointDestroy(ep);
         ep = nullptr;
         return result;
@@ -228,10 +228,10 @@ public:
         return api().sinkCreate(ep, this, id, &callbacks, sizeof callbacks);
     }
 
-    // Replaces the hook once no call of the old one is under way; not from inside a hook.
+    // Replaces the hook once no call of the old one is under way. Calls of the hook never
+    // overlap.
     void setHook(Hook hook) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [&] { return hooksRunning_ == 0; });
+        std::lock_guard<std::recursive_mutex> lock(hookMutex_);
         hook_ = std::move(hook);
     }
     void add(std::string line) {
@@ -267,11 +267,7 @@ public:
     std::map<uint32_t, std::string> values;
 
 private:
-    struct Waker : plat::ManualClock::Listener {
-        explicit Waker(App* app) : app(app) {}
-        void timeChanged(plat::ManualClock&) override { app->ep->wakeLoop(); }
-        App* app;
-    };
+    void timeChanged(plat::ManualClock&) override { ep->wakeLoop(); }
 
     Lines allLocked(const std::string& pattern) {
         Lines found;
@@ -288,20 +284,11 @@ private:
         std::vsnprintf(&line[0], line.size() + 1, text, again);
         va_end(again);
         va_end(args);
-        App& app = of(context);
-        Hook hook;
-        {
-            std::lock_guard<std::mutex> lock(app.mutex_);
-            app.lines_.push_back(line);
-            app.changed_.notify_all();
-            if (!app.hook_) return;
-            hook = app.hook_;
-            ++app.hooksRunning_;
-        }
-        hook(app, line);
-        std::lock_guard<std::mutex> lock(app.mutex_);
-        if (--app.hooksRunning_ == 0) app.changed_.notify_all();
+        of(context).add(line);
+        std::lock_guard<std::recursive_mutex> lock(of(context).hookMutex_);
+        if (of(context).hook_) of(context).hook_(of(context), line);
     }
+
     template <bool kAdded>
     static void servicesChanged(ZELCDBEndpoint*, void* c, uint8_t major, uint8_t minor,
                                 const ZELCDBService* list, uint32_t, uint32_t count) {
@@ -379,14 +366,12 @@ private:
     }
 
     plat::ManualClock* clock_;
-    Waker waker_;
     uint16_t sbpSource_ = 0;
     std::mutex mutex_;
     std::condition_variable changed_;
-    // State below is guarded by mutex_.
-    Lines lines_;
-    int hooksRunning_ = 0;
-    Hook hook_;
+    Lines lines_;  // guarded by mutex_
+    std::recursive_mutex hookMutex_;
+    Hook hook_;  // guarded by hookMutex_
 };
 
 // A hook for the scope of the test's locals that it refers to: removed before they go.
