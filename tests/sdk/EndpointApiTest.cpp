@@ -88,24 +88,10 @@ TEST(EndpointEntries, NullHandleNotRunningAndBadArgumentsGiveTheirCodes) {
     const ZELCDBSDK& t = api();
     using Entry = std::function<ZELCDBError(ZELCDBEndpoint*)>;
 #define ENTRY(call) [&](ZELCDBEndpoint* e) { return t.call; }
-    // Entries that need a running endpoint (Stop last, so that the second round stops it).
-    const Entry runningOnly[] = {
-        ENTRY(endpointAddSink(e, nullptr, 1, &sink, sizeof sink)),
-        ENTRY(sinkCreate(e, nullptr, 1, &sbpSink, sizeof sbpSink)),
-        ENTRY(endpointSendStartService(e, 1)),
-        ENTRY(endpointSendStopService(e, 1)),
-        ENTRY(endpointSendServicePayload(e, 1, data, 8100)),
-        ENTRY(endpointSendServicePayload(e, 1, nullptr, 0)),
-        ENTRY(endpointSendServiceResponse(e, 1, 1)),
-        ENTRY(endpointStop(e)),
-    };
-    for (const Entry& entry : runningOnly) {
-        EXPECT_EQ(entry(nullptr), kInvalid);
-        EXPECT_EQ(entry(app.ep), kNotRunning);
-    }
-    // The rest, with a null handle (always refused) and on this endpoint. SBP data must fit
-    // one ServicePayload with its packet: 15 bytes of header, the marker.
-    const std::pair<Entry, ZELCDBError> others[] = {
+    // Each entry with a null handle (always refused) and on this endpoint, not running. Those
+    // that need it running are called again once it runs (Stop last, which stops it). SBP
+    // data must fit one ServicePayload with its packet: 15 bytes of header, the marker.
+    const std::pair<Entry, ZELCDBError> entries[] = {
         {ENTRY(endpointSendServicePayload(e, 1, data, 8101)), kInvalid},
         {ENTRY(endpointSendServicePayload(e, 1, nullptr, 1)), kInvalid},
         {ENTRY(sinkSendGet(e, 1, nullptr, 1)), kNone},
@@ -124,12 +110,20 @@ TEST(EndpointEntries, NullHandleNotRunningAndBadArgumentsGiveTheirCodes) {
         {ENTRY(sinkSendSet(e, 1, nullptr, 1, data, 8084)), kNone},
         {ENTRY(sinkSendSet(e, 1, nullptr, 1, data, 8085)), kInvalid},
         {ENTRY(sourceSendGetResponse(e, 1, nullptr, 0xB1, 1, 0, data, 8085)), kInvalid},
+        {ENTRY(endpointAddSink(e, nullptr, 1, &sink, sizeof sink)), kNotRunning},
+        {ENTRY(sinkCreate(e, nullptr, 1, &sbpSink, sizeof sbpSink)), kNotRunning},
+        {ENTRY(endpointSendStartService(e, 1)), kNotRunning},
+        {ENTRY(endpointSendStopService(e, 1)), kNotRunning},
+        {ENTRY(endpointSendServicePayload(e, 1, data, 8100)), kNotRunning},
+        {ENTRY(endpointSendServicePayload(e, 1, nullptr, 0)), kNotRunning},
+        {ENTRY(endpointSendServiceResponse(e, 1, 1)), kNotRunning},
+        {ENTRY(endpointStop(e)), kNotRunning},
     };
 #undef ENTRY
-    for (size_t i = 0; i < sizeof others / sizeof others[0]; ++i) {
+    for (size_t i = 0; i < sizeof entries / sizeof entries[0]; ++i) {
         SCOPED_TRACE(i);
-        EXPECT_EQ(others[i].first(nullptr), kInvalid);
-        EXPECT_EQ(others[i].first(app.ep), others[i].second);
+        EXPECT_EQ(entries[i].first(nullptr), kInvalid);
+        EXPECT_EQ(entries[i].first(app.ep), entries[i].second);
     }
     EXPECT_EQ(t.endpointDestroy(nullptr), kInvalid);
     EXPECT_EQ(t.endpointStart(nullptr), kInvalid);
@@ -138,7 +132,8 @@ TEST(EndpointEntries, NullHandleNotRunningAndBadArgumentsGiveTheirCodes) {
 
     // Start returns once the thread runs, so that running-only calls are accepted at once.
     ASSERT_EQ(app.start(), kNone);
-    for (const Entry& entry : runningOnly) EXPECT_EQ(entry(app.ep), kNone);
+    for (const auto& entry : entries)
+        EXPECT_TRUE(entry.second != kNotRunning || entry.first(app.ep) == kNone);
     EXPECT_EQ(app.stop(), kNotRunning);
     ASSERT_EQ(app.start(), kNone);
     EXPECT_EQ(app.start(), ZELCDBErrorIllegalWhileRunning);
@@ -155,35 +150,28 @@ TEST(EndpointEntries, NullHandleNotRunningAndBadArgumentsGiveTheirCodes) {
 // take 65504; a 24-byte name fills it to exactly 65535.
 TEST(EndpointRegistration, IdsFollowTheModeAndRefusalsConsumeNone) {
     std::string longest(255, 'n'), tooLong(256, 'n');
-    for (int32_t mode : {ZELCDBEndpointModeClient, ZELCDBEndpointModeServer}) {
-        SCOPED_TRACE(mode);
-        uint16_t base = mode == ZELCDBEndpointModeClient ? 0x0001 : 0x4001;
-        App app(mode, freeUrl());
-        EXPECT_EQ(app.addSource("first", 1, 2), base);
-        EXPECT_TRUE(
-            app.waitFor(format("log CDBEndpoint/30 Added source service 'first', version "
-                               "1.2 with service ID %d (0x%04x)",
-                               base, base)));
-        for (const char* name : {tooLong.c_str(), static_cast<const char*>(nullptr)}) {
-            EXPECT_EQ(app.addSource(name), 0);
-            EXPECT_EQ(app.lastResult, kInvalid);
-        }
-        ZELCDBService service = {0xBEEF, "sized", 3, 4, 0x11, 0x22};
-        for (auto size : {kServiceSize - 1, kServiceSize}) {
-            EXPECT_EQ(api().endpointAddSourceService(app.ep, nullptr, &service, size, nullptr, 0),
-                      size == kServiceSize ? kNone : kInvalid);
-            ZELSBPSourceCallbacks none{};
-            EXPECT_EQ(api().sourceCreate(app.ep, nullptr, &service, size - 1, &none, sizeof none),
-                      kInvalid);
-        }
-        EXPECT_EQ(
-            api().endpointAddSourceService(app.ep, nullptr, nullptr, kServiceSize, nullptr, 0),
-            kInvalid);
-        // Only the size the entry reads is needed, and only the ID is written.
-        EXPECT_EQ(service.serviceId, base + 1);
-        EXPECT_EQ(service.accessControl, 0x22u);
-        EXPECT_EQ(app.addSbpSource(longest.c_str()), base + 2);
+    App client(ZELCDBEndpointModeClient, freeUrl());
+    EXPECT_EQ(client.addSource("first", 1, 2), 1);
+    EXPECT_TRUE(client.waitFor(
+        "log CDBEndpoint/30 Added source service 'first', version 1.2 with service ID 1 (0x0001)"));
+    for (const char* name : {tooLong.c_str(), static_cast<const char*>(nullptr)}) {
+        EXPECT_EQ(client.addSource(name), 0);
+        EXPECT_EQ(client.lastResult, kInvalid);
     }
+    ZELCDBService service = {0xBEEF, "sized", 3, 4, 0x11, 0x22};
+    for (auto size : {kServiceSize - 1, kServiceSize}) {
+        EXPECT_EQ(api().endpointAddSourceService(client.ep, nullptr, &service, size, nullptr, 0),
+                  size == kServiceSize ? kNone : kInvalid);
+        ZELSBPSourceCallbacks none{};
+        EXPECT_EQ(api().sourceCreate(client.ep, nullptr, &service, size - 1, &none, sizeof none),
+                  kInvalid);
+    }
+    EXPECT_EQ(api().endpointAddSourceService(client.ep, nullptr, nullptr, kServiceSize, nullptr, 0),
+              kInvalid);
+    // Only the size the entry reads is needed, and only the ID is written.
+    EXPECT_EQ(service.serviceId, 2);
+    EXPECT_EQ(service.accessControl, 0x22u);
+    EXPECT_EQ(client.addSbpSource(longest.c_str()), 3);
     Pair pair;
     App& app = pair.server;
     for (int i = 0; i < 250; ++i) ASSERT_EQ(app.addSource(longest.c_str()), 0x4001 + i);
