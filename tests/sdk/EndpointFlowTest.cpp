@@ -135,28 +135,6 @@ TEST_F(EndpointFlow, WholePlainCdbFlowWithCallsFromInsideEveryCallback) {
     EXPECT_EQ(client.all("stop returned *"), Lines(3, "stop returned 0"));
 }
 
-// A peer that accepts and then says nothing: the ServicesRequest timeout reaches the
-// application, and a call from inside it is queued.
-TEST_F(EndpointFlow, SilentPeerTimesOutTheServicesRequest) {
-    SilentPeer peer;
-    App lonely(ZELCDBEndpointModeClient, peer.url(), &clock);
-    lonely.setHook([](App& app, const std::string& line) {
-        if (line == "timeout") app.add(format("hook-end %d", app.startService(0x7100)));
-    });
-    ASSERT_EQ(lonely.start(), ZELCDBErrorNone);
-    ASSERT_TRUE(peer.accept());
-    ASSERT_TRUE(lonely.waitFor("status 2 0"));
-    // The loop may not have armed its timer when the first step is taken.
-    for (int i = 0; i < 20 && lonely.count("timeout") == 0; ++i) {
-        clock.advanceMs(5000);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ASSERT_TRUE(lonely.waitFor(noSuchPeerService(0x7100)));
-    EXPECT_LT(lonely.indexOf("hook-end 0"), lonely.indexOf(noSuchPeerService(0x7100)));
-    peer.hangUp();  // with the ServicesRequest unread: the connection is reset
-    EXPECT_TRUE(lonely.waitFor("status 3 5"));
-}
-
 // SBP between the two endpoints, the server's source and the client's sink: each request
 // kind through the table, from the test's thread and answered from inside the source's
 // callbacks (from buffers spoilt as soon as the calls return), and one fault per side: each
