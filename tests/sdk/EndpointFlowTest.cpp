@@ -135,12 +135,10 @@ TEST_F(EndpointFlow, WholePlainCdbFlowWithCallsFromInsideEveryCallback) {
     EXPECT_EQ(client.all("stop returned *"), Lines(3, "stop returned 0"));
 }
 
-// SBP between the two endpoints, the server's source and the client's sink: each request
-// kind through the table, from the test's thread and answered from inside the source's
-// callbacks (from buffers spoilt as soon as the calls return), and one fault per side: each
-// ends the service, which the sink starts again. When the link ends both sides hear a stop
-// and drop what is owed unreported; a new peer starts the service afresh, its requests not
-// mistaken for the old ones.
+// SBP from the client's sink to the server's source: each request kind through the table,
+// answered from inside the source's callbacks from buffers spoilt at once; one fault per
+// side, each ending the service, which the sink starts again. When the link ends, what is
+// owed is dropped unreported and a new peer starts the service afresh.
 TEST_F(EndpointFlow, SbpRequestsAnswersFaultsAndANewPeer) {
     // Opaque to the library; as an encoded element would be, each is longer than 4 bytes.
     server.values = {{uidOf("speed"), "88 km/h"}};

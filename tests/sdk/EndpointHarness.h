@@ -138,14 +138,9 @@ inline const char* str(void* context) {
 }
 #define ZEL_TEXT(data, size) static_cast<int>(size), reinterpret_cast<const char*>(data)
 
-// One application with one endpoint. Every callback adds a line (waitFor, count, all and
-// indexOf find them from any thread), then calls the hook, if any, on the callback's thread:
-//   log <category>/<level> <text>          status <status> <error>
-//   added|removed <major>.<minor> [<id> <name> <major>.<minor> <attribute> <access>]...
-//   timeout   start|stop <id> ...          source-payload|sink-payload <id> <text>
-//   response <id> <code>                   SBP source: sbp-start, sbp-stop, terminated, set,
-//   subscribe, cancel                      SBP sink: status <code>, data, set-done,
-//   subscribed, cancelled, error, alive: "<what> <ctx> <cmd> <name> ..."
+// One application with one endpoint, SBP source and sink included. Every callback adds a
+// line ("status 2 0", "sink-payload 16385 pong": the formats are in the callbacks below),
+// which waitFor, count, all and indexOf find from any thread, then calls the hook, if any.
 class App : plat::ManualClock::Listener {
 public:
     using Hook = std::function<void(App&, const std::string&)>;
