@@ -114,32 +114,17 @@ TEST_F(EndpointLifecycle, ThreadEndReportsWhatEndedIt) {
 // while the thread is still reporting its end waits for it and starts a new one.
 TEST_F(EndpointLifecycle, StartWhileTheThreadEndsOnItsOwnStartsANewOne) {
     App app(ZELCDBEndpointModeClient, freeUrl(), &clock);
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool inside = false, starting = false;
-    ScopedHook hook(app, [&](App& a, const std::string& line) {
+    app.setHook([](App& a, const std::string& line) {
         if (!matches(line, "status 3 *")) return;
-        // From inside the status callback itself a start is still refused.
+        // From inside the status callback itself a start is still refused. The pause gives
+        // the Start below time to find the thread still running.
         a.add(format("start from status 3: %d", a.start()));
-        std::unique_lock<std::mutex> lock(mutex);
-        if (inside) return;
-        inside = true;
-        changed.notify_all();
-        changed.wait_for(lock, kPatience, [&] { return starting; });
-        lock.unlock();
-        // Give the Start below time to find the thread still running.
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     });
     ASSERT_EQ(app.start(), ZELCDBErrorNone);
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(changed.wait_for(lock, kPatience, [&] { return inside; }));
-        starting = true;
-        changed.notify_all();
-    }
+    ASSERT_TRUE(app.waitFor("start from status 3: 6"));
     EXPECT_EQ(app.start(), ZELCDBErrorNone);
     EXPECT_TRUE(app.waitFor("status 1 0", 2));
-    EXPECT_TRUE(app.waitFor("start from status 3: 6", 2));
 }
 
 // Application threads call every entry, starts and stops among them, on a server and a
