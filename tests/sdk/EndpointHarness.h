@@ -213,14 +213,59 @@ public:
     // through the table from inside their callbacks.
     uint16_t addSbpSource(const char* name) {
         ZELCDBService service = {0, name, 1, 0, 0, 0};
-        ZELSBPSourceCallbacks callbacks = sourceCallbacks();
-        lastResult =
-            api().sourceCreate(ep, this, &service, sizeof service, &callbacks, sizeof callbacks);
+        ZELSBPSourceCallbacks t{};
+        t.serviceStartCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c, uint8_t,
+                                    uint8_t) -> int32_t { return rec(c, "sbp-start"), 0; };
+        t.serviceStopCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c) -> int32_t {
+            return rec(c, "sbp-stop"), 0;
+        };
+        t.serviceTerminatedCallback = [](ZELCDBEndpoint*, uint16_t, void* c) {
+            rec(c, "terminated");
+        };
+        t.getCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t command, uint32_t uid,
+                           uint32_t*) { return of(c).answer(command, uid); };
+        t.setCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t uid,
+                           const uint8_t* data, int32_t size, uint32_t*) -> ZELCDBError {
+            of(c).values[uid].assign(reinterpret_cast<const char*>(data), size_t(size));
+            rec(c, "set %s", of(c).values[uid].c_str());
+            return api().sourceSendSetResponse(e, s, nullptr, uid, 0);
+        };
+        t.subscribeCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t uid,
+                                 uint32_t* type, uint32_t* interval, uint32_t*) -> ZELCDBError {
+            rec(c, "subscribe %u %u", *type, *interval);
+            return api().sourceSendSubscribeResponse(e, s, nullptr, uid, 0);
+        };
+        t.cancelCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t command, uint32_t) {
+            rec(c, "cancel %x", command);
+        };
+        lastResult = api().sourceCreate(ep, this, &service, sizeof service, &t, sizeof t);
         return sbpSource_ = lastResult == ZELCDBErrorNone ? service.serviceId : 0;
     }
     ZELCDBError addSbpSink(uint16_t id) {
-        ZELSBPSinkCallbacks callbacks = sinkCallbacks();
-        return api().sinkCreate(ep, this, id, &callbacks, sizeof callbacks);
+        ZELSBPSinkCallbacks t{};
+        t.serviceStatusCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c, uint16_t status) {
+            rec(c, "status %d", status);
+        };
+        t.dataCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command, uint32_t,
+                            const uint8_t* payload, int32_t size) {
+            rec(c, "data %s %x %.*s", str(r), command, ZEL_TEXT(payload, size));
+        };
+        t.setDoneCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t) {
+            rec(c, "set-done %s", str(r));
+        };
+        t.subscribedCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t) {
+            rec(c, "subscribed %s", str(r));
+        };
+        t.cancelledCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command,
+                                 uint32_t) { rec(c, "cancelled %s %x", str(r), command); };
+        t.errorCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command,
+                             uint32_t, ZELCDBError error, uint32_t result) {
+            rec(c, "error %s %x %d %x", str(r), command, error, result);
+        };
+        t.aliveResponseCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r) {
+            rec(c, "alive %s", str(r));
+        };
+        return api().sinkCreate(ep, this, id, &t, sizeof t);
     }
 
     // Replaces the hook once no call of the old one is under way. Calls of the hook never
@@ -304,60 +349,6 @@ private:
             ep, sbpSource_, nullptr, command, uid, 0,
             reinterpret_cast<const uint8_t*>(value.data()), uint32_t(value.size()));
         return std::fill(value.begin(), value.end(), '#'), result;
-    }
-    static ZELSBPSourceCallbacks sourceCallbacks() {
-        ZELSBPSourceCallbacks t{};
-        t.serviceStartCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c, uint8_t,
-                                    uint8_t) -> int32_t { return rec(c, "sbp-start"), 0; };
-        t.serviceStopCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c) -> int32_t {
-            return rec(c, "sbp-stop"), 0;
-        };
-        t.serviceTerminatedCallback = [](ZELCDBEndpoint*, uint16_t, void* c) {
-            rec(c, "terminated");
-        };
-        t.getCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t command, uint32_t uid,
-                           uint32_t*) { return of(c).answer(command, uid); };
-        t.setCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t uid,
-                           const uint8_t* data, int32_t size, uint32_t*) -> ZELCDBError {
-            of(c).values[uid].assign(reinterpret_cast<const char*>(data), size_t(size));
-            rec(c, "set %s", of(c).values[uid].c_str());
-            return api().sourceSendSetResponse(e, s, nullptr, uid, 0);
-        };
-        t.subscribeCallback = [](ZELCDBEndpoint* e, uint16_t s, void* c, uint32_t uid,
-                                 uint32_t* type, uint32_t* interval, uint32_t*) -> ZELCDBError {
-            rec(c, "subscribe %u %u", *type, *interval);
-            return api().sourceSendSubscribeResponse(e, s, nullptr, uid, 0);
-        };
-        t.cancelCallback = [](ZELCDBEndpoint*, uint16_t, void* c, uint32_t command, uint32_t) {
-            rec(c, "cancel %x", command);
-        };
-        return t;
-    }
-    static ZELSBPSinkCallbacks sinkCallbacks() {
-        ZELSBPSinkCallbacks t{};
-        t.serviceStatusCallback = [](ZELCDBEndpoint*, void*, uint16_t, void* c, uint16_t status) {
-            rec(c, "status %d", status);
-        };
-        t.dataCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command, uint32_t,
-                            const uint8_t* payload, int32_t size) {
-            rec(c, "data %s %x %.*s", str(r), command, ZEL_TEXT(payload, size));
-        };
-        t.setDoneCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t) {
-            rec(c, "set-done %s", str(r));
-        };
-        t.subscribedCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t) {
-            rec(c, "subscribed %s", str(r));
-        };
-        t.cancelledCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command,
-                                 uint32_t) { rec(c, "cancelled %s %x", str(r), command); };
-        t.errorCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r, uint32_t command,
-                             uint32_t, ZELCDBError error, uint32_t result) {
-            rec(c, "error %s %x %d %x", str(r), command, error, result);
-        };
-        t.aliveResponseCallback = [](ZELCDBEndpoint*, uint16_t, void* c, void* r) {
-            rec(c, "alive %s", str(r));
-        };
-        return t;
     }
 
     plat::ManualClock* clock_;
