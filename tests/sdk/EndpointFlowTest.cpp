@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <future>
 #include <string>
 #include <vector>
 
@@ -24,15 +23,6 @@ std::string noSuchPeerService(uint16_t id) {
 
 class EndpointFlow : public ::testing::Test {
 protected:
-    void connectWithServices() {
-        ASSERT_EQ(server.addSource("echo", 1, 2, 0x1234, 0x0507), kEcho);
-        ASSERT_EQ(server.addSource("second", 2, 0), kEcho + 1);
-        ASSERT_EQ(client.addSource("client.svc", 3, 1, 0, 9), kUp);
-        ASSERT_TRUE(pair.connect());
-        ASSERT_EQ(client.addSink(kEcho), ZELCDBErrorNone);
-        ASSERT_TRUE(client.waitFor("log CDBSession/30 Sink added for peer service 16385 (0x4001)"));
-    }
-
     plat::ManualClock clock;
     plat::ScopedClock useClock{&clock};
     Pair pair{&clock};
@@ -40,15 +30,44 @@ protected:
     App& client = pair.client;
 };
 
-TEST_F(EndpointFlow, WholePlainCdbFlowBetweenTwoEndpoints) {
-    connectWithServices();
+// Services and commands both ways, with calls from inside every kind of the client's
+// callbacks. Each trigger makes the hook ask for two peer services that do not exist:
+// performed at once, their error lines would come before the hook ends (or, in the status 1
+// callback, not at all, since no session exists yet); queued, they follow it, in order.
+TEST_F(EndpointFlow, WholePlainCdbFlowWithCallsFromInsideEveryCallback) {
+    const std::vector<std::pair<std::string, uint16_t>> triggers = {
+        {"status 1 0", 0x7000},         {"status 2 0", 0x7002},
+        {"removed *", 0x7006},          {"added *", 0x7008},
+        {"start 1 *", 0x700A},          {"stop 1", 0x700C},
+        {"source-payload 1 *", 0x700E}, {"sink-payload 16385 *", 0x7010},
+        {"response 16385 *", 0x7012},   {"log CDBSession/30 Connection*", 0x7004},
+    };
+    std::vector<bool> fired(triggers.size());
+    ScopedHook hook(client, [&](App& app, const std::string& line) {
+        for (size_t i = 0; i < triggers.size(); ++i) {
+            if (fired[i] || !matches(line, triggers[i].first)) continue;
+            fired[i] = true;
+            ZELCDBError first = app.startService(triggers[i].second);
+            ZELCDBError second = app.startService(triggers[i].second + 1);
+            app.add(format("hook-end %s %d %d", triggers[i].first.c_str(), first, second));
+        }
+        if (line == "sink-payload 16385 destroy")
+            app.add(format("destroy returned %d", api().endpointDestroy(app.ep)));
+        if (line == "sink-payload 16385 stop" || line == "log CDBWriter/100 Sending ByeBye")
+            app.add(format("stop returned %d", app.stop()));
+    });
+    ASSERT_EQ(server.addSource("echo", 1, 2, 0x1234, 0x0507), kEcho);
+    ASSERT_EQ(server.addSource("second", 2, 0), kEcho + 1);
+    ASSERT_EQ(client.addSource("client.svc", 3, 1, 0, 9), kUp);
+    ASSERT_TRUE(pair.connect());
     // The removed list comes first, then the added one; only the low 8 bits of attribute
     // and access control travel.
     const std::string advertised = "added 1.1 [16385 echo 1.2 0x34 0x7] [16386 second 2.0 0x0 0x0]";
-    EXPECT_EQ(client.events.startingWith("added "), Lines{advertised});
-    EXPECT_LT(client.events.indexOf("removed 1.1"), client.events.indexOf(advertised));
-    EXPECT_EQ(server.events.startingWith("added "), Lines{"added 1.1 [1 client.svc 3.1 0x0 0x9]"});
+    EXPECT_EQ(client.all("added *"), Lines{advertised});
+    EXPECT_LT(client.indexOf("removed 1.1"), client.indexOf(advertised));
+    EXPECT_EQ(server.all("added *"), Lines{"added 1.1 [1 client.svc 3.1 0x0 0x9]"});
 
+    ASSERT_EQ(client.addSink(kEcho), ZELCDBErrorNone);
     EXPECT_EQ(client.startService(kEcho), ZELCDBErrorNone);
     ASSERT_TRUE(server.waitFor("start 16385 1.2"));
     EXPECT_EQ(server.respond(kEcho, 0x0001), ZELCDBErrorNone);
@@ -65,35 +84,41 @@ TEST_F(EndpointFlow, WholePlainCdbFlowBetweenTwoEndpoints) {
     ASSERT_TRUE(client.waitFor("sink-payload 16385 pong"));
     EXPECT_EQ(client.stopService(kEcho), ZELCDBErrorNone);
     ASSERT_TRUE(server.waitFor("stop 16385"));
+    ASSERT_EQ(server.addSink(kUp), ZELCDBErrorNone);
+    ASSERT_EQ(server.startService(kUp), ZELCDBErrorNone);
+    ASSERT_EQ(server.stopService(kUp), ZELCDBErrorNone);
+    ASSERT_EQ(server.send(kUp, "to the client's source"), ZELCDBErrorNone);
+    for (const auto& t : triggers) {
+        SCOPED_TRACE(t.first);
+        ASSERT_TRUE(client.waitFor(noSuchPeerService(t.second + 1)));
+        int hookEnd = client.indexOf(format("hook-end %s 0 0", t.first.c_str()));
+        ASSERT_GE(hookEnd, 0);
+        EXPECT_LT(hookEnd, client.indexOf(noSuchPeerService(t.second)));
+        EXPECT_LT(client.indexOf(noSuchPeerService(t.second)),
+                  client.indexOf(noSuchPeerService(t.second + 1)));
+    }
 
     // Destroy from inside a callback is refused and the endpoint goes on; Stop from inside
     // one ends the thread without waiting for itself, and the next Stop joins it.
     int baseline = threadCount();
-    client.setHook([](App& app, const std::string& line) {
-        if (line == "sink-payload 16385 destroy")
-            app.events.add(format("destroy returned %d", api().endpointDestroy(app.ep)));
-        if (line == "sink-payload 16385 stop")
-            app.events.add(format("stop returned %d", app.stop()));
-    });
     ASSERT_EQ(server.send(kEcho, "destroy"), ZELCDBErrorNone);
     ASSERT_TRUE(client.waitFor("destroy returned 6"));
-    EXPECT_EQ(client.events.count(
+    EXPECT_EQ(client.count(
                   "log CDBEndpoint/0 Operation failed with CDB SDK error 6 (IllegalWhileRunning)"),
               1);
     ASSERT_EQ(server.send(kEcho, "stop"), ZELCDBErrorNone);
     ASSERT_TRUE(client.waitFor("status 3 0"));
-    EXPECT_LT(client.events.indexOf("stop returned 0"), client.events.indexOf("status 3 0"));
-    ASSERT_TRUE(server.events.waitForPrefix("status 3 "));
-    for (App* app : {&client, &server}) {
-        ZELCDBError joined = app->stop();
-        EXPECT_TRUE(joined == ZELCDBErrorNone || joined == ZELCDBErrorIllegalWhileNotRunning);
-    }
+    EXPECT_LT(client.indexOf("stop returned 0"), client.indexOf("status 3 0"));
+    ASSERT_TRUE(server.waitFor("status 3 *"));
+    // Each thread may still be reporting its end: this Stop joins it either way.
+    client.stop();
+    server.stop();
     EXPECT_EQ(client.stop(), ZELCDBErrorIllegalWhileNotRunning);
     EXPECT_LE(threadCount(baseline), baseline);
 
     // Started again: the same services are advertised anew, sinks must be added anew.
     ASSERT_TRUE(pair.connect(2));
-    EXPECT_EQ(client.events.startingWith("added "), (Lines{advertised, advertised}));
+    EXPECT_EQ(client.all("added *"), (Lines{advertised, advertised}));
     EXPECT_EQ(client.addSink(kEcho), ZELCDBErrorNone);
     EXPECT_EQ(server.send(kEcho, "pong again"), ZELCDBErrorNone);
     ASSERT_TRUE(client.waitFor("sink-payload 16385 pong again"));
@@ -101,107 +126,25 @@ TEST_F(EndpointFlow, WholePlainCdbFlowBetweenTwoEndpoints) {
     clock.advanceMs(5 * 60 * 1000);
     EXPECT_TRUE(client.waitFor("log TimerManager/30 Time has jumped forwards - restarting timers"));
 
-    // Destroyed while connected: the ByeBye exchange ends both sides at once.
+    // Destroyed while connected: the ByeBye exchange ends both sides at once. The endpoint
+    // thread must never wait for what the destroying thread holds: a Stop from a callback
+    // meanwhile just returns.
     EXPECT_EQ(client.destroy(), ZELCDBErrorNone);
-    EXPECT_TRUE(server.events.waitForPrefix("status 3 ", 2));
+    EXPECT_TRUE(server.waitFor("status 3 *", 2));
+    EXPECT_EQ(client.all("stop returned *"), Lines(3, "stop returned 0"));
 }
 
-// Each trigger makes the hook ask for two peer services that do not exist. Performed at
-// once, their error lines would come before the hook ends (or, in the status 1 callback, not
-// at all, since no session exists yet); queued, they follow it, in order.
-TEST_F(EndpointFlow, CallsFromInsideEveryCallbackRunAfterItReturnsInOrder) {
-    struct Trigger {
-        std::string prefix;
-        uint16_t firstId;
-        bool fired;
-    };
-    std::vector<Trigger> triggers = {
-        {"status 1 0", 0x7000, false},        {"status 2 0", 0x7002, false},
-        {"removed ", 0x7006, false},          {"added ", 0x7008, false},
-        {"start 1 ", 0x700A, false},          {"stop 1", 0x700C, false},
-        {"source-payload 1 ", 0x700E, false}, {"sink-payload 16385 ", 0x7010, false},
-        {"response 16385 ", 0x7012, false},   {"log CDBSession/30 Connection", 0x7004, false},
-    };
-    ScopedHook hook(client, [&](App& app, const std::string& line) {
-        for (Trigger& t : triggers) {
-            if (t.fired || line.compare(0, t.prefix.size(), t.prefix) != 0) continue;
-            t.fired = true;
-            ZELCDBError first = app.startService(t.firstId);
-            ZELCDBError second = app.startService(t.firstId + 1);
-            app.events.add(format("hook-end %s %d %d", t.prefix.c_str(), first, second));
-        }
-    });
-    connectWithServices();
-    ASSERT_EQ(server.addSink(kUp), ZELCDBErrorNone);
-    ASSERT_EQ(server.startService(kUp), ZELCDBErrorNone);
-    ASSERT_EQ(server.stopService(kUp), ZELCDBErrorNone);
-    ASSERT_EQ(server.send(kUp, "to the client's source"), ZELCDBErrorNone);
-    ASSERT_EQ(server.send(kEcho, "to the client's sink"), ZELCDBErrorNone);
-    ASSERT_EQ(client.startService(kEcho), ZELCDBErrorNone);
-    ASSERT_TRUE(server.waitFor("start 16385 1.2"));
-    ASSERT_EQ(server.respond(kEcho, 0x0001), ZELCDBErrorNone);
-    for (const Trigger& t : triggers) {
-        SCOPED_TRACE(t.prefix);
-        ASSERT_TRUE(client.waitFor(noSuchPeerService(t.firstId + 1)));
-        int hookEnd = client.events.indexOf(format("hook-end %s 0 0", t.prefix.c_str()));
-        ASSERT_GE(hookEnd, 0);
-        EXPECT_LT(hookEnd, client.events.indexOf(noSuchPeerService(t.firstId)));
-        EXPECT_LT(client.events.indexOf(noSuchPeerService(t.firstId)),
-                  client.events.indexOf(noSuchPeerService(t.firstId + 1)));
-    }
-}
-
-// A peer that accepts and then says nothing: the ServicesRequest timeout reaches the
-// application, a call from inside it is queued, and a Stop waits the documented 5 s for the
-// answer to its ByeBye, in virtual time, and not a moment less.
-TEST_F(EndpointFlow, SilentPeerTimesOutTheServicesRequestAndGetsFiveSecondsForTheByeBye) {
-    SilentPeer peer;
-    App lonely(ZELCDBEndpointModeClient, peer.url(), &clock);
-    lonely.setHook([](App& app, const std::string& line) {
-        if (line == "timeout") app.events.add(format("hook-end %d", app.startService(0x7100)));
-    });
-    ASSERT_EQ(lonely.start(), ZELCDBErrorNone);
-    ASSERT_TRUE(peer.accept());
-    ASSERT_TRUE(lonely.waitFor("status 2 0"));
-    // The loop may not have armed its timer when the first step is taken.
-    for (int i = 0; i < 20 && lonely.events.count("timeout") == 0; ++i) {
-        clock.advanceMs(5000);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ASSERT_TRUE(lonely.waitFor(noSuchPeerService(0x7100)));
-    EXPECT_LT(lonely.events.indexOf("hook-end 0"),
-              lonely.events.indexOf(noSuchPeerService(0x7100)));
-    EXPECT_EQ(lonely.events.count("log CDBSession/0 Peer endpoint did not respond to "
-                                  "ServicesRequest within five seconds"),
-              1);
-    auto stopped = std::async(std::launch::async, [&] { return lonely.stop(); });
-    ASSERT_TRUE(lonely.waitFor("log CDBWriter/100 Sending ByeBye"));
-    // Queued behind the stop, so its line shows once the ByeBye timer has been started.
-    ASSERT_EQ(lonely.startService(0x7777), ZELCDBErrorNone);
-    ASSERT_TRUE(lonely.waitFor(noSuchPeerService(0x7777)));
-    clock.advanceMs(4999);
-    EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-    clock.advanceMs(1);
-    ASSERT_EQ(stopped.wait_for(kPatience), std::future_status::ready);
-    EXPECT_EQ(stopped.get(), ZELCDBErrorNone);
-    EXPECT_EQ(lonely.events.count("log CDBSession/10 Warning: ByeBye timer expired without "
-                                  "receiving response from CDB server"),
-              1);
-    EXPECT_EQ(lonely.events.startingWith("status 3 "), Lines{"status 3 0"});
-}
-
-// SBP between the two endpoints, the server's source and the client's sink: every request
-// kind through the table, both directions of answer (their buffers spoilt as soon as the calls
-// return), and one fault per side: each ends the service, which the sink starts again. When
-// the link ends both sides hear a stop and drop what is owed unreported; a new peer starts
-// the service afresh, its requests not mistaken for the old ones.
+// SBP from the client's sink to the server's source: each request kind through the table,
+// answered from inside the source's callbacks from buffers spoilt at once; one fault per
+// side, each ending the service, which the sink starts again. When the link ends, what is
+// owed is dropped unreported and a new peer starts the service afresh.
 TEST_F(EndpointFlow, SbpRequestsAnswersFaultsAndANewPeer) {
-    server.setValue("speed", intValue("speed", 88));
-    server.setValue("driver", intValue("driver", 7));
+    // Opaque to the library; as an encoded element would be, each is longer than 4 bytes.
+    server.values = {{uidOf("speed"), "88 km/h"}};
     ASSERT_EQ(server.addSbpSource("vehicle"), kEcho);
     ASSERT_TRUE(pair.connect());
     auto startService = [&](App& app) {
-        int started = app.events.count("status 1");
+        int started = app.count("status 1");
         ASSERT_EQ(app.startService(kEcho), ZELCDBErrorNone);
         ASSERT_TRUE(app.waitFor("status 1", started + 1));
     };
@@ -211,84 +154,71 @@ TEST_F(EndpointFlow, SbpRequestsAnswersFaultsAndANewPeer) {
     auto advance = [&](int ms, App& app) {
         clock.advanceMs(ms);
         for (int i = 0; i < 2; ++i) {
-            int before = app.events.count("alive sync");
+            int before = app.count("alive sync");
             ASSERT_EQ(api().sinkSendAlive(app.ep, kEcho, ctx("sync"), 0), ZELCDBErrorNone);
             ASSERT_TRUE(app.waitFor("alive sync", before + 1));
         }
     };
-    auto get = [&](const char* context, const char* name) {
-        return api().sinkSendGet(client.ep, kEcho, ctx(context), uidOf(name));
-    };
     auto subscribe = [&](App& app) {
         ASSERT_EQ(api().sinkSendSubscribe(app.ep, kEcho, ctx("u"), uidOf("speed"), 0, 500),
                   ZELCDBErrorNone);
-        ASSERT_TRUE(app.waitFor("subscribed u speed"));
+        ASSERT_TRUE(app.waitFor("subscribed u"));
     };
     ASSERT_EQ(client.addSbpSink(kEcho), ZELCDBErrorNone);
     ASSERT_NO_FATAL_FAILURE(startService(client));
-
-    ASSERT_EQ(get("g1", "speed"), ZELCDBErrorNone);
-    ASSERT_TRUE(client.waitFor("data g1 b1 speed=88"));
-    ASSERT_EQ(get("g2", "odometer"), ZELCDBErrorNone);  // no such element
-    ASSERT_TRUE(client.waitFor("error g2 b1 odometer 14 10000066"));
-    // A challenged Get: the sink's answer reaches the source's application, which answers.
-    ASSERT_EQ(get("g3", "driver"), ZELCDBErrorNone);
-    ASSERT_TRUE(client.waitFor("data g3 b1 driver=7"));
-    EXPECT_EQ(client.events.count("challenge g3 b1 driver challenge=1"), 1);
-    EXPECT_EQ(server.events.count("auth-response b1 driver 0 answer=2"), 1);
-    Bytes value = intValue("speed", 95);
-    ASSERT_EQ(api().sinkSendSet(client.ep, kEcho, ctx("s"), uidOf("speed"), value.data(),
-                                static_cast<uint32_t>(value.size())),
+    ASSERT_EQ(api().sinkSendGet(client.ep, kEcho, ctx("g"), uidOf("speed")), ZELCDBErrorNone);
+    ASSERT_TRUE(client.waitFor("data g b1 88 km/h"));
+    std::string value = "95 km/h";
+    ASSERT_EQ(api().sinkSendSet(client.ep, kEcho, ctx("s"), uidOf("speed"),
+                                reinterpret_cast<const uint8_t*>(value.data()), 7),
               ZELCDBErrorNone);
-    std::fill(value.begin(), value.end(), 0xEE);
-    ASSERT_TRUE(client.waitFor("set-done s speed"));
-    EXPECT_EQ(server.events.count("set speed=95"), 1);
+    value.assign(7, '#');
+    ASSERT_TRUE(client.waitFor("set-done s"));
+    EXPECT_EQ(server.count("set 95 km/h"), 1);
 
     // A periodic subscription ticks with the value until cancelled.
     ASSERT_NO_FATAL_FAILURE(subscribe(client));
-    EXPECT_EQ(server.events.count("subscribe speed 0 500"), 1);
+    EXPECT_EQ(server.count("subscribe 0 500"), 1);
     for (int tick = 0; tick < 2; ++tick) ASSERT_NO_FATAL_FAILURE(advance(500, client));
-    EXPECT_EQ(client.events.count("data u b3 speed=95"), 2);
+    EXPECT_EQ(client.count("data u b3 95 km/h"), 2);
     ASSERT_EQ(api().sinkSendCancel(client.ep, kEcho, ctx("c"), uidOf("speed"), 0xB3),
               ZELCDBErrorNone);
-    ASSERT_TRUE(client.waitFor("cancelled c b3 speed"));
-    EXPECT_EQ(server.events.count("cancel b3 speed"), 1);
+    ASSERT_TRUE(client.waitFor("cancelled c b3"));
+    EXPECT_EQ(server.count("cancel b3"), 1);
     ASSERT_NO_FATAL_FAILURE(advance(500, client));
-    EXPECT_EQ(client.events.count("data u b3 speed=95"), 2);
+    EXPECT_EQ(client.count("data u b3 95 km/h"), 2);
 
-    // Fault at the source: it terminates the service for the peer.
+    // Fault at the source: it terminates the service for the peer (status 0x0203).
     ASSERT_EQ(client.send(kEcho, "bad"), ZELCDBErrorNone);
     ASSERT_TRUE(server.waitFor("terminated"));
-    ASSERT_TRUE(client.waitFor("status 515"));  // 0x0203
+    ASSERT_TRUE(client.waitFor("status 515"));
     ASSERT_NO_FATAL_FAILURE(startService(client));
     // Fault at the sink: it stops the service.
     ASSERT_EQ(server.send(kEcho, "bad"), ZELCDBErrorNone);
     ASSERT_TRUE(server.waitFor("sbp-stop"));
     ASSERT_TRUE(client.waitFor("status 2"));
     ASSERT_NO_FATAL_FAILURE(startService(client));
-    ASSERT_EQ(get("g4", "speed"), ZELCDBErrorNone);
-    ASSERT_TRUE(client.waitFor("data g4 b1 speed=95"));
-    EXPECT_EQ(server.events.count("sbp-start"), 3);
+    EXPECT_EQ(server.count("sbp-start"), 3);
 
     ASSERT_NO_FATAL_FAILURE(subscribe(client));
-    Lines errors = client.events.startingWith("error");
+    Lines errors = client.all("error *");
     ASSERT_EQ(client.destroy(), ZELCDBErrorNone);
-    ASSERT_TRUE(server.events.waitForPrefix("status 3 "));
-    EXPECT_EQ(client.events.count("status 2"), 2);
-    EXPECT_EQ(server.events.count("sbp-stop"), 2);
-    EXPECT_EQ(client.events.startingWith("error"), errors);
+    ASSERT_TRUE(server.waitFor("status 3 *"));
+    EXPECT_EQ(client.count("status 2"), 2);
+    EXPECT_EQ(server.count("sbp-stop"), 2);
+    EXPECT_EQ(client.all("error *"), errors);
     ASSERT_EQ(server.start(), ZELCDBErrorNone);
     ASSERT_TRUE(waitListening(pair.port));
     clock.advanceMs(500);  // a tick of the old subscription would find no one
     App second(ZELCDBEndpointModeClient, pair.url, &clock);
     ASSERT_EQ(second.start(), ZELCDBErrorNone);
-    ASSERT_TRUE(second.events.waitForPrefix("added "));
+    ASSERT_TRUE(second.waitFor("added *"));
     ASSERT_EQ(second.addSbpSink(kEcho), ZELCDBErrorNone);
     ASSERT_NO_FATAL_FAILURE(startService(second));
     ASSERT_NO_FATAL_FAILURE(subscribe(second));
     ASSERT_NO_FATAL_FAILURE(advance(500, second));
-    EXPECT_EQ(second.events.count("data u b3 speed=95"), 1);
-    EXPECT_EQ(second.events.startingWith("error"), Lines{});
+    EXPECT_EQ(second.count("data u b3 95 km/h"), 1);
+    EXPECT_EQ(second.all("error *"), Lines{});
     ASSERT_EQ(second.stop(), ZELCDBErrorNone);
 }
 

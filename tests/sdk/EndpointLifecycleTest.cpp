@@ -1,20 +1,10 @@
 // Starting, stopping and destroying endpoints in every state and from several threads at
 // once: nothing hangs, nothing is joined twice, nothing is left behind.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <functional>
 #include <future>
-#include <initializer_list>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "sdk/EndpointHarness.h"
 
@@ -28,20 +18,13 @@ constexpr int kSlowdown = 10;
 constexpr int kSlowdown = 1;
 #endif
 
-bool oneOf(ZELCDBError result, std::initializer_list<ZELCDBError> allowed) {
-    return std::find(allowed.begin(), allowed.end(), result) != allowed.end();
-}
-
-// Runs fn on another thread and gives it 3 s to finish. A call that hangs fails the test and
-// ends the program, which could not get its thread back anyway.
-ZELCDBError within(const char* what, std::function<ZELCDBError()> fn) {
+// A call that hangs fails the test and ends the program, which could not get its thread back.
+ZELCDBError within3s(std::function<ZELCDBError()> fn) {
     auto done = std::async(std::launch::async, std::move(fn));
-    if (done.wait_for(std::chrono::seconds(3)) != std::future_status::ready) {
-        ADD_FAILURE() << what << " did not return promptly";
-        std::fflush(nullptr);
-        std::_Exit(1);
-    }
-    return done.get();
+    if (done.wait_for(std::chrono::seconds(3)) == std::future_status::ready) return done.get();
+    ADD_FAILURE() << "did not return within 3 s";
+    std::fflush(nullptr);
+    std::_Exit(1);
 }
 
 class EndpointLifecycle : public ::testing::Test {
@@ -59,7 +42,6 @@ TEST_F(EndpointLifecycle, StopAndDestroyReturnPromptlyInEveryState) {
         for (bool stopFirst : {true, false}) {
             SCOPED_TRACE(format("state %d, %s", state, stopFirst ? "stop" : "destroy"));
             SilentPeer silent(0);
-            silent.fillBacklog();
             Pair pair(&clock);
             App own(state == 0 ? ZELCDBEndpointModeServer : ZELCDBEndpointModeClient,
                     state == 2 ? silent.url() : freeUrl(), &clock);
@@ -72,60 +54,61 @@ TEST_F(EndpointLifecycle, StopAndDestroyReturnPromptlyInEveryState) {
             }
             if (state == 5) {
                 ASSERT_EQ(pair.server.destroy(), ZELCDBErrorNone);
-                ASSERT_TRUE(app.events.waitForPrefix("status 3 "));
+                ASSERT_TRUE(app.waitFor("status 3 *"));
             }
             if (stopFirst) {
-                EXPECT_TRUE(oneOf(within("stop", [&] { return app.stop(); }),
-                                  {ZELCDBErrorNone, ZELCDBErrorIllegalWhileNotRunning}));
+                // A thread that ended by itself may still be reporting its end.
+                ZELCDBError stopped = within3s([&] { return app.stop(); });
+                EXPECT_TRUE(
+                    stopped == ZELCDBErrorNone ||
+                    (stopped == ZELCDBErrorIllegalWhileNotRunning && (state == 1 || state == 5)));
             }
-            EXPECT_EQ(within("destroy", [&] { return app.destroy(); }), ZELCDBErrorNone);
-            EXPECT_EQ(app.events.count("status 3 ", true), 1);
+            EXPECT_EQ(within3s([&] { return app.destroy(); }), ZELCDBErrorNone);
+            EXPECT_EQ(app.count("status 3 *"), 1);
         }
     }
 }
 
 // What ends the thread by itself reaches the application once: one error line, then status 3
-// with the code the exception stands for.
+// with the code the exception stands for. A peer that says nothing first lets the
+// ServicesRequest time out, which the application hears too.
 TEST_F(EndpointLifecycle, ThreadEndReportsWhatEndedIt) {
     const uint8_t unknownType[4] = {0x00, 0x01, 0x00, 0x00};
-    const struct Case {
-        const char* what;
-        const char* url;       // null: a silent peer's
-        const uint8_t* bytes;  // what the peer writes once connected
-        enum { kStay, kFinish, kReset } end;
+    const struct {
+        const char* url;       // null: a silent peer's, which closes after writing `bytes`
+        const uint8_t* bytes;  // null: nothing
         ZELCDBError error;
         const char* line;
     } cases[] = {
-        {"refused", "", nullptr, Case::kStay, ZELCDBErrorNetworkError,
+        {"", nullptr, ZELCDBErrorNetworkError,
          "Caught exception: Connection error: Connection refused (111)"},
-        {"unknown host", "cdb://example.invalid:1", nullptr, Case::kStay, ZELCDBErrorFailed,
+        {"cdb://example.invalid:1", nullptr, ZELCDBErrorFailed,
          "Caught exception: Invalid CDB URL cdb://example.invalid:1"},
-        {"malformed message", nullptr, unknownType, Case::kStay, ZELCDBErrorInvalidProtocol,
+        {nullptr, unknownType, ZELCDBErrorInvalidProtocol,
          "Caught exception: Unknown message type 1 (0x0001)"},
-        {"peer closes", nullptr, nullptr, Case::kFinish, ZELCDBErrorFailed,
-         "Caught exception: Connection lost"},
-        {"peer resets", nullptr, nullptr, Case::kReset, ZELCDBErrorNetworkError,
-         "Caught exception: Network error: Connection reset by peer (104)"},
+        {nullptr, nullptr, ZELCDBErrorFailed, "Caught exception: Connection lost"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(c.line);
         SilentPeer peer;
         App app(ZELCDBEndpointModeClient, !c.url ? peer.url() : *c.url ? c.url : freeUrl(), &clock);
         ASSERT_EQ(app.start(), ZELCDBErrorNone);
         if (c.url == nullptr) {
             ASSERT_TRUE(peer.accept());
             ASSERT_TRUE(app.waitFor("status 2 0"));
+            // The loop may not have armed its timer when the first step is taken.
+            for (int i = 0; i < 20 && app.count("timeout") == 0; ++i) {
+                clock.advanceMs(5000);
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+            EXPECT_EQ(app.count("timeout"), 1);
             if (c.bytes) {
                 ASSERT_EQ(::write(peer.accepted, c.bytes, 4), 4);
             }
-            if (c.end == Case::kFinish) ::shutdown(peer.accepted, SHUT_WR);
-            // Closed with the ServicesRequest unread, the connection is reset.
-            pollfd readable = {peer.accepted, POLLIN, 0};
-            if (c.end == Case::kReset && ::poll(&readable, 1, 10000) == 1) peer.hangUp();
+            ::shutdown(peer.accepted, SHUT_WR);
         }
         ASSERT_TRUE(app.waitFor(format("status 3 %d", c.error)));
-        EXPECT_EQ(app.events.startingWith("log CDBEndpoint/0 "),
-                  Lines{format("log CDBEndpoint/0 %s", c.line)});
+        EXPECT_EQ(app.all("log CDBEndpoint/0 *"), Lines{format("log CDBEndpoint/0 %s", c.line)});
     }
 }
 
@@ -133,130 +116,71 @@ TEST_F(EndpointLifecycle, ThreadEndReportsWhatEndedIt) {
 // while the thread is still reporting its end waits for it and starts a new one.
 TEST_F(EndpointLifecycle, StartWhileTheThreadEndsOnItsOwnStartsANewOne) {
     App app(ZELCDBEndpointModeClient, freeUrl(), &clock);
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool inside = false, starting = false;
-    ScopedHook hook(app, [&](App& a, const std::string& line) {
-        if (line.compare(0, 9, "status 3 ") != 0) return;
-        // From inside the status callback itself a start is still refused.
-        a.events.add(format("start from status 3: %d", a.start()));
-        std::unique_lock<std::mutex> lock(mutex);
-        if (inside) return;
-        inside = true;
-        changed.notify_all();
-        changed.wait_for(lock, kPatience, [&] { return starting; });
-        lock.unlock();
-        // Give the Start below time to find the thread still running.
+    app.setHook([](App& a, const std::string& line) {
+        if (!matches(line, "status 3 *")) return;
+        // From inside the status callback itself a start is still refused. The pause gives
+        // the Start below time to find the thread still running.
+        a.add(format("start from status 3: %d", a.start()));
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     });
     ASSERT_EQ(app.start(), ZELCDBErrorNone);
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(changed.wait_for(lock, kPatience, [&] { return inside; }));
-        starting = true;
-        changed.notify_all();
-    }
+    ASSERT_TRUE(app.waitFor("start from status 3: 6"));
     EXPECT_EQ(app.start(), ZELCDBErrorNone);
     EXPECT_TRUE(app.waitFor("status 1 0", 2));
-    EXPECT_TRUE(app.waitFor("start from status 3: 6", 2));
 }
 
-// The endpoint thread must never wait for what a stopping thread holds: a Stop made from a
-// callback while another thread is stopping (and joining) the endpoint just returns.
-TEST_F(EndpointLifecycle, StopFromACallbackWhileAnotherThreadStops) {
-    Pair pair(&clock);
-    pair.client.setHook([](App& app, const std::string& line) {
-        if (line == "log CDBWriter/100 Sending ByeBye") {
-            app.events.add(format("inner stop %d", app.stop()));
-        }
-    });
-    ASSERT_TRUE(pair.connect());
-    EXPECT_EQ(within("stop", [&] { return pair.client.stop(); }), ZELCDBErrorNone);
-    EXPECT_EQ(pair.client.events.count("inner stop 0"), 1);
-}
-
-// Each cycle creates a thread, a wake-up pipe and a socket; all of them must go. A listening
-// server is stopped; a client whose connect is refused has ended by itself.
-TEST(EndpointSoak, CyclesLeaveNoThreadOrDescriptorBehind) {
-    std::string serverUrl = freeUrl(), refusedUrl = freeUrl();
-    int threads = 0, descriptors = 0;
-    for (int i = -1; i < 1000 / kSlowdown; ++i) {
-        // Counted after a first cycle, which may load what the library needs once.
-        if (i == 0) {
-            threads = threadCount();
-            descriptors = countEntries("/proc/self/fd");
-        }
-        bool server = i % 2 != 0;
-        App app(server ? ZELCDBEndpointModeServer : ZELCDBEndpointModeClient,
-                server ? serverUrl : refusedUrl);
-        ASSERT_EQ(app.start(), ZELCDBErrorNone);
-        ZELCDBError stopped = app.stop();
-        ASSERT_TRUE(stopped == ZELCDBErrorNone ||
-                    (!server && stopped == ZELCDBErrorIllegalWhileNotRunning))
-            << "cycle " << i << ": " << stopped;
-        ASSERT_EQ(app.destroy(), ZELCDBErrorNone);
-    }
-    // At most as many: a thread of an earlier test (or of qemu-user itself) may still have
-    // been ending when the baseline was taken, and a joined thread may still be leaving.
-    EXPECT_LE(threadCount(threads), threads);
-    EXPECT_EQ(countEntries("/proc/self/fd"), descriptors);
-}
-
-// Application threads call every entry, starts and stops among them, while another thread
-// keeps starting and stopping both endpoints: every thread is joined once. Each call must return
-// one of its documented codes; TSan watches the rest. The callers make a fixed number of calls: on
-// a loaded machine they would starve the starter, and a soak bounded by its cycles would take
-// minutes.
-TEST(EndpointSoak, CallsFromEightThreadsWhileAnotherStartsAndStops) {
-    int baseline = threadCount();
+// Application threads call every entry, starts and stops among them, on a server and a
+// client: every thread is joined once, and each call returns one of its documented codes;
+// TSan watches the rest. Every start makes a thread, a wake-up pipe and a socket: once the
+// endpoints are gone, none of them is left.
+TEST(EndpointSoak, CallsFromEightThreadsWhileTheyStartAndStop) {
+    // Counted after a first cycle, which may load what the library needs once.
+    App(ZELCDBEndpointModeClient, freeUrl()).start();
+    const int threads = threadCount(), descriptors = countEntries("/proc/self/fd");
     Pair pair;
     ASSERT_EQ(pair.server.addSource("echo"), 0x4001);
     ASSERT_EQ(pair.client.addSource("up"), 0x0001);
     const ZELCDBError kNone = ZELCDBErrorNone, kRunning = ZELCDBErrorIllegalWhileRunning;
-    const ZELCDBError kNotRunning = ZELCDBErrorIllegalWhileNotRunning;
-    std::atomic<int> working{8}, unexpected{0};
-    auto check = [&](ZELCDBError r, std::initializer_list<ZELCDBError> allowed, const char* what) {
-        if (!oneOf(r, allowed) && unexpected++ < 10) ADD_FAILURE() << what << " returned " << r;
-    };
-    std::thread starter([&] {
-        for (int cycle = 0; cycle < 2 || working > 0; ++cycle) {
-            check(pair.server.start(), {kNone, kRunning}, "server start");
-            check(pair.client.start(), {kNone, kRunning}, "client start");
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            check(pair.client.stop(), {kNone, kNotRunning}, "client stop");
-            check(pair.server.stop(), {kNone, kNotRunning}, "server stop");
-        }
-    });
+    const std::vector<ZELCDBError> kPost = {kNone, ZELCDBErrorIllegalWhileNotRunning};
+    std::atomic<int> unexpected{0};
     std::vector<std::thread> workers;
     for (int w = 0; w < 8; ++w) {
         workers.emplace_back([&, w] {
             App& app = w % 2 ? pair.client : pair.server;
-            uint16_t own = w % 2 ? 0x0001 : 0x4001, peer = w % 2 ? 0x4001 : 0x0001;
+            uint16_t own = w % 2 ? 0x0001 : 0x4001, peer = 0x4002 - own;
             ZELCDBService service = {0, "more", 1, 0, 0, 0};
-            const std::function<ZELCDBError()> posts[] = {
-                [&] { return app.addSink(peer); },      [&] { return app.send(own, "abc"); },
-                [&] { return app.send(peer, "abc"); },  [&] { return app.respond(own, 1); },
-                [&] { return app.startService(peer); }, [&] { return app.stopService(peer); }};
-            for (int i = 0, k = w; i < 2000 / kSlowdown; ++i, k = (k + 1) % 8) {
-                if (k < 6) check(posts[k](), {kNone, kNotRunning}, "running-only call");
-                if (k == 6) {
-                    check(api().endpointAddSourceService(app.ep, nullptr, &service, sizeof service,
-                                                         nullptr, 0),
-                          {kNone, kRunning, ZELCDBErrorFailed}, "add source");
-                }
-                if (k == 7)
-                    check(i % 2 ? app.stop() : app.start(), {kNone, kRunning, kNotRunning},
-                          "start or stop");
+            const std::pair<std::function<ZELCDBError()>, std::vector<ZELCDBError>> calls[] = {
+                {[&] { return app.addSink(peer); }, kPost},
+                {[&] { return app.send(own, "abc"); }, kPost},
+                {[&] { return app.send(peer, "abc"); }, kPost},
+                {[&] { return app.respond(own, 1); }, kPost},
+                {[&] { return app.startService(peer); }, kPost},
+                {[&] { return app.stopService(peer); }, kPost},
+                {[&] { return app.stop(); }, kPost},
+                {[&] { return app.start(); }, {kNone, kRunning}},
+                {[&] {
+                     return api().endpointAddSourceService(app.ep, nullptr, &service,
+                                                           sizeof service, nullptr, 0);
+                 },
+                 {kNone, kRunning, ZELCDBErrorFailed}},
+            };
+            for (int i = 0; i < 900 / kSlowdown; ++i) {
+                const auto& call = calls[(w + i) % 9];
+                ZELCDBError r = call.first();
+                if (std::find(call.second.begin(), call.second.end(), r) == call.second.end() &&
+                    unexpected++ < 10)
+                    ADD_FAILURE() << "call " << (w + i) % 9 << " returned " << r;
             }
-            --working;
         });
     }
-    starter.join();
     for (auto& t : workers) t.join();
     EXPECT_EQ(unexpected, 0);
     pair.client.destroy();
     pair.server.destroy();
-    EXPECT_LE(threadCount(baseline), baseline);
+    // At most as many threads: one of an earlier test (or of qemu-user itself) may still have
+    // been ending when the baseline was taken, and a joined one may still be leaving.
+    EXPECT_LE(threadCount(threads), threads);
+    EXPECT_EQ(countEntries("/proc/self/fd"), descriptors);
 }
 
 }  // namespace
