@@ -247,6 +247,32 @@ TEST(ControlMessageQueue, DestroyingTheQueueDiscardsWhatIsQueuedAndLetsAWaitingP
     EXPECT_EQ(seen, (std::vector<int>{1, 2}));
 }
 
+// The queue's own destructor discards what is still queued: freed, never performed, since
+// the servicer it would run for is going away.
+TEST(ControlMessageQueue, TheQueuesDestructorDiscardsWhatIsQueued) {
+    struct Idle : messaging::ControlMessageQueue::Servicer {
+        void run() override {
+            while (queue->isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        ControlMessageQueueUNIX* queue = nullptr;
+    } idle;
+    auto queue = std::make_unique<ControlMessageQueueUNIX>(&idle);
+    idle.queue = queue.get();
+    ASSERT_TRUE(queue->start());
+    for (int i = 0; i < 5000 && !queue->isRunning(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_TRUE(queue->isRunning());
+    Counter freed;
+    std::atomic<int> performed{0};
+    for (int i = 0; i < 3; ++i) {
+        queue->postAsynchronously(new FnMessage([&] { return ++performed; }, &freed));
+    }
+    queue.reset();
+    EXPECT_EQ(performed, 0);
+    EXPECT_EQ(freed.count(), 3);
+}
+
 // The first thread exists but has not yet taken the queue mutex, so the queue does not
 // look running: only the pending start-up keeps the second start() from creating another
 // thread.
