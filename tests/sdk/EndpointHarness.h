@@ -317,12 +317,9 @@ private:
     }
     static App& of(void* context) { return *static_cast<App*>(context); }
     __attribute__((format(printf, 2, 3))) static void rec(void* context, const char* text, ...) {
-        va_list args, again;
+        va_list args;
         va_start(args, text);
-        va_copy(again, args);
-        std::string line(static_cast<size_t>(std::vsnprintf(nullptr, 0, text, args)), '\0');
-        std::vsnprintf(&line[0], line.size() + 1, text, again);
-        va_end(again);
+        std::string line = zeltest::formatV(text, args);
         va_end(args);
         of(context).add(line);
         std::lock_guard<std::recursive_mutex> lock(of(context).hookMutex_);

@@ -12,13 +12,18 @@ namespace zeltest {
 
 using Bytes = std::vector<uint8_t>;
 
-__attribute__((format(printf, 1, 2))) inline std::string format(const char* text, ...) {
-    va_list args, again;
-    va_start(args, text);
+inline std::string formatV(const char* text, va_list args) {
+    va_list again;
     va_copy(again, args);
     std::string out(static_cast<size_t>(std::vsnprintf(nullptr, 0, text, args)), '\0');
     std::vsnprintf(&out[0], out.size() + 1, text, again);
     va_end(again);
+    return out;
+}
+__attribute__((format(printf, 1, 2))) inline std::string format(const char* text, ...) {
+    va_list args;
+    va_start(args, text);
+    std::string out = formatV(text, args);
     va_end(args);
     return out;
 }
