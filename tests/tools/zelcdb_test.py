@@ -248,12 +248,20 @@ class AgainstServe(Case):
         self.server.wait_for(r"Set of vehicleSpeed refused: expects an int, got a double")
 
     def test_6_clients_that_come_together_take_turns(self):
-        clients = [Background("services", self.url, "--json", "--timeout", 20000)
-                   for _ in range(4)]
-        for client in clients:
-            with client:
-                code, out, err = client.finish()
-                self.assertEqual((code, out), (0, self.listed), err)
+        """Straight to serve, and through the relay of --capture, which must not hand one
+        endpoint a second peer while it still takes the first."""
+        with tempfile.TemporaryDirectory() as folder:
+            relayed = free_url()
+            with Background("serve", relayed, "--elements", ARGS.elements, "--echo", "echo",
+                            "--capture", os.path.join(folder, "serve.pcap")) as server:
+                server.wait_for("serving")
+                for url in (self.url, relayed):
+                    clients = [Background("services", url, "--json", "--timeout", 20000)
+                               for _ in range(10)]
+                    for client in clients:
+                        with client:
+                            code, out, err = client.finish()
+                            self.assertEqual((code, out), (0, self.listed), (url, err))
 
 
 class Alone(Case):

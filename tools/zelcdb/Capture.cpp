@@ -264,7 +264,10 @@ void CaptureRelay::run() {
             ::close(link.socket[1]);
             links_.erase(links_.begin() + static_cast<long>(i));
         }
+        if (!stopping_) joinWaiting();
     }
+    for (int socket : waiting_) resetAndClose(socket);
+    waiting_.clear();
     // Whatever is still open ends here, as far as the capture goes.
     for (auto& link : links_) {
         for (int side = 0; side < 2; ++side) {
@@ -277,39 +280,57 @@ void CaptureRelay::run() {
 
 void CaptureRelay::accept() {
     int accepted = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (accepted < 0) return;
-    // The endpoint's listener may be a moment late (serve opens the next one after each
-    // peer): a refused connection to it is tried again for up to two seconds. A refused
-    // connection to the peer is not; the command sees its connection end and tries again.
-    sockaddr_in target = socketAddress(targetAddress_, targetPort_);
-    int connected = -1;
-    for (int attempt = 0; attempt < 100 && connected < 0; ++attempt) {
-        connected = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (connected < 0) break;
-        if (connect(connected, reinterpret_cast<sockaddr*>(&target), sizeof target) == 0) break;
-        ::close(connected);
-        connected = -1;
-        if (!peerConnects_ || errno != ECONNREFUSED) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (accepted >= 0) waiting_.push_back(accepted);
+}
+
+// A server endpoint accepts one connection and then closes its listener, which resets any
+// other connection already queued on it. So when the peer connects, the next connection
+// goes to the endpoint only once the previous one has been answered (the endpoint sends
+// first, so an answer means it accepted) or has ended; the peers that came meanwhile wait
+// here, and their bytes wait in their sockets.
+void CaptureRelay::joinWaiting() {
+    while (!waiting_.empty()) {
+        if (peerConnects_) {
+            for (const auto& link : links_) {
+                if (!link->answered && link->open[1]) return;
+            }
+        }
+        int accepted = waiting_.front();
+        waiting_.pop_front();
+        // The endpoint's listener may be a moment late (serve opens the next one after each
+        // peer): a refused connection to it is tried again for up to two seconds. A refused
+        // connection to the peer is not; the command sees its connection end and tries again.
+        sockaddr_in target = socketAddress(targetAddress_, targetPort_);
+        int connected = -1;
+        for (int attempt = 0; attempt < 100 && connected < 0; ++attempt) {
+            connected = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (connected < 0) break;
+            if (connect(connected, reinterpret_cast<sockaddr*>(&target), sizeof target) == 0) break;
+            ::close(connected);
+            connected = -1;
+            if (!peerConnects_ || errno != ECONNREFUSED) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        if (connected < 0) {
+            resetAndClose(accepted);
+            continue;
+        }
+        auto link = std::make_unique<Link>();
+        link->socket[0] = accepted;
+        link->socket[1] = connected;
+        link->open[0] = link->open[1] = true;
+        link->answered = false;
+        // The capture shows the connection that faces the peer, with its real addresses.
+        if (peerConnects_) {
+            endpointOf(accepted, true, link->flow.address[0], link->flow.port[0]);
+            endpointOf(accepted, false, link->flow.address[1], link->flow.port[1]);
+        } else {
+            endpointOf(connected, false, link->flow.address[0], link->flow.port[0]);
+            endpointOf(connected, true, link->flow.address[1], link->flow.port[1]);
+        }
+        writer_.open(link->flow);
+        links_.push_back(std::move(link));
     }
-    if (connected < 0) {
-        resetAndClose(accepted);
-        return;
-    }
-    auto link = std::make_unique<Link>();
-    link->socket[0] = accepted;
-    link->socket[1] = connected;
-    link->open[0] = link->open[1] = true;
-    // The capture shows the connection that faces the peer, with its real addresses.
-    if (peerConnects_) {
-        endpointOf(accepted, true, link->flow.address[0], link->flow.port[0]);
-        endpointOf(accepted, false, link->flow.address[1], link->flow.port[1]);
-    } else {
-        endpointOf(connected, false, link->flow.address[0], link->flow.port[0]);
-        endpointOf(connected, true, link->flow.address[1], link->flow.port[1]);
-    }
-    writer_.open(link->flow);
-    links_.push_back(std::move(link));
 }
 
 void CaptureRelay::forward(Link& link, int from) {
@@ -317,6 +338,7 @@ void CaptureRelay::forward(Link& link, int from) {
     ssize_t received = recv(link.socket[from], buffer, sizeof buffer, 0);
     if (received < 0 && errno == EINTR) return;
     if (received > 0) {
+        if (from == 1) link.answered = true;
         writer_.data(link.flow, from, buffer, static_cast<size_t>(received));
         if (sendAll(link.socket[1 - from], buffer, static_cast<size_t>(received))) return;
     }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -65,10 +66,12 @@ private:
     struct Link {
         int socket[2];  // [0] accepted (the connecting side), [1] connected
         bool open[2];   // that side still sends
+        bool answered;  // the connected side has sent something
         Flow flow;
     };
     void run();
     void accept();
+    void joinWaiting();
     void forward(Link& link, int from);
 
     PcapWriter writer_;
@@ -79,6 +82,7 @@ private:
     int listener_ = -1;
     int wake_[2] = {-1, -1};
     std::vector<std::unique_ptr<Link>> links_;  // relay thread only
+    std::deque<int> waiting_;  // accepted, not yet joined to the endpoint; relay thread only
     std::atomic<bool> stopping_{false};
     std::thread thread_;
 };
