@@ -4,8 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
+#include <thread>
+#include <vector>
 
 #include "FailingAllocator.h"
+#include "plat/DString.h"
 #include "sdk/EndpointHarness.h"
 
 namespace {
@@ -88,6 +92,54 @@ TEST(EndpointAllocation, FailedCallsLeaveEverythingAsItWas) {
         ASSERT_EQ(api().endpointStart(ep), ZELCDBErrorNone);
         EXPECT_EQ(failEachAllocation(call, stillRunning, 1), ZELCDBErrorNone);
     }
+}
+
+// The endpoint thread formats its lines into one buffer it keeps, so that a line per message
+// costs no allocation once the buffer has grown: two lines come in the same storage, even
+// when a fresh buffer would have been handed other storage. A line logged on another thread
+// has a buffer of its own, which the endpoint thread's next lines must not overwrite while
+// the application still reads it.
+TEST(EndpointAllocation, LinesOfTheEndpointThreadShareOneBufferOthersHaveTheirOwn) {
+    static ZELCDBEndpoint* ep = nullptr;
+    static std::thread::id endpointThread;
+    static std::vector<const char*> endpointLines;
+    static std::string ownLine, ownLineLater;
+    const ZELCDBEndpointCallbacks callbacks = {
+        [](ZELCDBEndpoint*, void*, const char*, int32_t, const char* text) {
+            if (std::this_thread::get_id() == endpointThread) {
+                if (std::strstr(text, "IllegalWhileRunning")) endpointLines.push_back(text);
+                return;
+            }
+            if (!ownLine.empty() || std::strstr(text, "IllegalWhileRunning") == nullptr) return;
+            ownLine = text;
+            // Ends the endpoint thread, which logs on its way out, before this line is read
+            // again.
+            api().endpointStop(ep);
+            ownLineLater = text;
+        },
+        [](ZELCDBEndpoint* e, void*, int32_t status, ZELCDBError) {
+            if (status != ZELCDBStatusStarted) return;
+            endpointThread = std::this_thread::get_id();
+            endpointLines.reserve(2);
+            // Two refused calls from inside the callback, each logging a line; between them
+            // a buffer like a fresh line's takes the storage a line just left, if it left it.
+            api().endpointDestroy(e);
+            plat::DString spacer;
+            spacer.format("%s", "");
+            api().endpointDestroy(e);
+        },
+        nullptr, nullptr, nullptr};
+    ZELCDBEndpointParameters parameters = {kUrl.c_str(), ZELCDBEndpointModeServer, nullptr, 1, 1};
+    ASSERT_EQ(
+        api().endpointCreate(&ep, &parameters, sizeof parameters, &callbacks, sizeof callbacks),
+        ZELCDBErrorNone);
+    ASSERT_EQ(api().endpointStart(ep), ZELCDBErrorNone);
+    EXPECT_EQ(api().endpointStart(ep), ZELCDBErrorIllegalWhileRunning);
+    ASSERT_EQ(endpointLines.size(), 2u);
+    EXPECT_EQ(endpointLines[0], endpointLines[1]);
+    EXPECT_EQ(ownLine, "Operation failed with CDB SDK error 6 (IllegalWhileRunning)");
+    EXPECT_EQ(ownLineLater, ownLine);
+    EXPECT_EQ(api().endpointDestroy(ep), ZELCDBErrorNone);
 }
 
 }  // namespace
