@@ -289,7 +289,7 @@ TEST(CDBWire, ReaderCarriesOnAfterAThrowingHandler) {
 // A payload larger than the stream's buffer is collected into a block of its own. When that
 // block cannot be allocated the reader throws std::bad_alloc, and a later call must start
 // the collection again rather than copy into the block it does not have.
-TEST(CDBWire, PayloadCollectorRecoversFromAFailedAllocation) {
+TEST(CDBWire, PayloadCollectorRecoversFromAFailedAllocationAndKeepsItsBlock) {
     const Bytes message =
         written([](CDBWriter& w) { w.sendServicePayload(0x4001, 7, kLargest.data(), 1000); });
     bool failed = true;
@@ -316,6 +316,17 @@ TEST(CDBWire, PayloadCollectorRecoversFromAFailedAllocation) {
         ASSERT_LT(n, 20u);
     }
     EXPECT_GE(n, 3u);  // the collector's block did fail once
+    // The block is kept: the next split payload of its size is collected without allocating.
+    Reader r(64);
+    for (int round = 1; round <= 2; ++round) {
+        r.in.feed(message.data(), 500);
+        {
+            zeltest::FailNthAllocation failure(round == 2 ? 1 : 100);
+            EXPECT_NO_THROW(r.reader.processMessages()) << round;
+        }
+        r.in.feed(message.data() + 500, message.size() - 500);
+        EXPECT_EQ(r.drain(), 1);
+    }
 }
 
 }  // namespace
