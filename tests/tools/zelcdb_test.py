@@ -380,8 +380,8 @@ class Alone(Case):
             (["get", "cdb://127.0.0.1:1", "s", "speed", "--uid"], r"'speed' is not a UID"),
             (["subscribe", "cdb://127.0.0.1:1", "s", "e"], r"needs --periodic MS or --on-change"),
             (["subscribe", "cdb://127.0.0.1:1", "s", "e", "--periodic", 0], r"--periodic"),
-            (["serve", "cdb://127.0.0.1:1", "--elements", ARGS.elements, "--service", "x:1"],
-             r"bad service 'x:1'"),
+            *[(["serve", "cdb://127.0.0.1:1", "--elements", ARGS.elements, "--service", bad],
+               "bad service '" + re.escape(bad) + "'") for bad in ("x:1", "x:256.0", "x:1.256")],
             (["-v", "frobnicate"], r"^zelcdb: unknown command 'frobnicate' \(serve, services, "),
         ]])
 
