@@ -383,6 +383,7 @@ class Alone(Case):
             *[(["serve", "cdb://127.0.0.1:1", "--elements", ARGS.elements, "--service", bad],
                "bad service '" + re.escape(bad) + "'") for bad in ("x:1", "x:256.0", "x:1.256")],
             (["-v", "frobnicate"], r"^zelcdb: unknown command 'frobnicate' \(serve, services, "),
+            ([], r"^zelcdb: A subcommand is required \(see zelcdb --help\)$"),
         ]])
 
     def test_help_on_every_command_documents_the_exit_codes(self):
