@@ -187,6 +187,7 @@ class AgainstServe(Case):
         with Background("subscribe", self.url, SERVICE, "headlightsOn", "--on-change", "--count",
                         1, "-v") as watcher:
             watcher.wait_for(r"subscribed to headlightsOn, on change")
+            self.server.wait_for(r"peer #\d+: Subscribe headlightsOn on change$")
             self.expect(["set", self.url, SERVICE, "headlightsOn", "false"], OK)  # no change
             self.expect(["set", self.url, SERVICE, "headlightsOn", "true"], OK,
                         [{"headlightsOn": True}])
@@ -384,6 +385,8 @@ class Alone(Case):
                "bad service '" + re.escape(bad) + "'") for bad in ("x:1", "x:256.0", "x:1.256")],
             (["-v", "frobnicate"], r"^zelcdb: unknown command 'frobnicate' \(serve, services, "),
             ([], r"^zelcdb: A subcommand is required \(see zelcdb --help\)$"),
+            (["services", "cdb://127.0.0.1:1", "--capture", "/nonexistent/x.pcap"],
+             r"^zelcdb: cannot write the capture file /nonexistent/x\.pcap: No such file"),
         ]])
 
     def test_help_on_every_command_documents_the_exit_codes(self):
