@@ -8,6 +8,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -241,7 +242,14 @@ void CaptureRelay::run() {
                 owners.emplace_back(link.get(), side);
             }
         }
-        if (poll(fds.data(), fds.size(), stopping_ ? 50 : -1) < 0) {
+        int wait = -1;
+        if (stopping_) {
+            wait = 50;
+        } else if (refusals_ > 0) {
+            auto due = std::chrono::ceil<std::chrono::milliseconds>(retryAt_ - Clock::now());
+            wait = static_cast<int>(std::max<int64_t>(due.count(), 0));
+        }
+        if (poll(fds.data(), fds.size(), wait) < 0) {
             if (errno == EINTR) continue;
             break;
         }
@@ -295,22 +303,26 @@ void CaptureRelay::joinWaiting() {
                 if (!link->answered && link->open[1]) return;
             }
         }
-        int accepted = waiting_.front();
-        waiting_.pop_front();
+        if (refusals_ > 0 && std::chrono::steady_clock::now() < retryAt_) return;
         // The endpoint's listener may be a moment late (serve opens the next one after each
-        // peer): a refused connection to it is tried again for up to two seconds. A refused
-        // connection to the peer is not; the command sees its connection end and tries again.
+        // peer): a refused connection to it is tried again every 20 ms for up to two seconds,
+        // while the other links go on. A refused connection to the peer is not; the command
+        // sees its connection end and tries again.
+        int accepted = waiting_.front();
         sockaddr_in target = socketAddress(targetAddress_, targetPort_);
-        int connected = -1;
-        for (int attempt = 0; attempt < 100 && connected < 0; ++attempt) {
-            connected = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            if (connected < 0) break;
-            if (connect(connected, reinterpret_cast<sockaddr*>(&target), sizeof target) == 0) break;
+        int connected = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (connected >= 0 &&
+            connect(connected, reinterpret_cast<sockaddr*>(&target), sizeof target) != 0) {
+            int error = errno;
             ::close(connected);
             connected = -1;
-            if (!peerConnects_ || errno != ECONNREFUSED) break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            if (peerConnects_ && error == ECONNREFUSED && ++refusals_ < 100) {
+                retryAt_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+                return;
+            }
         }
+        waiting_.pop_front();
+        refusals_ = 0;
         if (connected < 0) {
             resetAndClose(accepted);
             continue;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
@@ -83,6 +84,10 @@ private:
     int wake_[2] = {-1, -1};
     std::vector<std::unique_ptr<Link>> links_;  // relay thread only
     std::deque<int> waiting_;  // accepted, not yet joined to the endpoint; relay thread only
+    // The endpoint refused the connection at the front of waiting_ so many times; the next
+    // try is due at retryAt_. Relay thread only.
+    int refusals_ = 0;
+    std::chrono::steady_clock::time_point retryAt_{};
     std::atomic<bool> stopping_{false};
     std::thread thread_;
 };
