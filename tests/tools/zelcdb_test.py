@@ -11,6 +11,7 @@ import argparse
 import json
 import os
 import re
+import select
 import shlex
 import signal
 import socket
@@ -204,7 +205,8 @@ class AgainstServe(Case):
     def test_4_ctrl_c_or_sigterm_cancels_says_byebye_and_tells_if_it_came_too_early(self):
         for args, signal_number, ready, expected_code, message in [
             (["subscribe", self.url, SERVICE, "outsideTemperature", "--periodic", 50],
-             signal.SIGINT, r"subscribed to", 0, r"(?s)cancelling the subscription.*ByeBye"),
+             signal.SIGINT, r"subscribed to", 0,
+             r"(?s)interrupted.*cancelling the subscription.*ByeBye"),
             (["subscribe", self.url, SERVICE, "vin", "--on-change", "--count", 3], signal.SIGTERM,
              r"subscribed to", 130, r"(?s)interrupted after 0 of 3 updates.*ByeBye"),
             (["listen", self.url, "echo", "--count", 5], signal.SIGINT, r"service echo .* started",
@@ -212,6 +214,10 @@ class AgainstServe(Case):
         ]:
             with self.subTest(args=args), Background(*args, "-vv") as process:
                 process.wait_for(ready)
+                if "--periodic" in args:  # each value is out as soon as it is printed, not
+                    out = process.process.stdout  # once a pipe's buffer is full (seconds)
+                    self.assertTrue(select.select([out], [], [], 2 * ARGS.slow)[0])
+                    self.assertIn("outsideTemperature", out.readline())
                 code, out, err = process.finish(signal_number)
                 self.assertEqual(code, expected_code, err)
                 self.assertRegex(err, message)
