@@ -119,10 +119,13 @@ TEST(SbpData, ContainersKeepTheirMembersAndElementsInOrder) {
 
     Type destinations;
     destinations.kind = Kind::StructureArray;
-    destinations.members = structure({{"label", scalar(Kind::String)}}).members;
+    // Each element's members in the type's order and kinds, not as its JSON would suggest.
+    destinations.members =
+        structure({{"label", scalar(Kind::String)}, {"km", scalar(Kind::Short)}}).members;
     names.addType(destinations);
-    Json list = Json::array({{{"label", "Home"}}, {{"label", "Office"}}});
-    EXPECT_EQ(roundTrip(destinations, list, names), list);
+    Json list = Json::array({{{"km", 12}, {"label", "Home"}}, {{"label", "Office"}, {"km", 3}}});
+    EXPECT_EQ(roundTrip(destinations, list, names).dump(),
+              R"([{"label":"Home","km":12},{"label":"Office","km":3}])");
 }
 
 TEST(SbpData, UnknownNamesPrintAsUidsAndUidKeysAreWrittenOneWay) {
