@@ -29,7 +29,8 @@ FIELDS = ["frame.number", "ip.src", "tcp.srcport", "ip.dst", "tcp.dstport", "zel
           "zelcdb.length", "zelcdb.service_id", "zelcdb.service_name", "zelcdb.data_length",
           "zelcdb.sbp",
           "zelsbp.command", "zelsbp.request_in", "zelsbp.response_in", "zelsbp.text",
-          "_ws.expert.message", "_ws.malformed"] + EXPERTS
+          "_ws.expert.message", "_ws.malformed", "ip.checksum.status",
+          "tcp.checksum.status"] + EXPERTS
 ARGS = None
 
 
@@ -49,6 +50,8 @@ def tshark(capture, *options):
 # numbers: an ephemeral port that another protocol has registered (44322, say) would
 # otherwise take the connection.
 HEURISTIC_FIRST = ("-o", "tcp.try_heuristic_first:TRUE")
+# zelcdb --capture writes real checksums (a live capture on loopback often has none).
+CHECKSUMS = ("-o", "ip.check_checksum:TRUE", "-o", "tcp.check_checksum:TRUE")
 
 
 def frames(capture, *options):
@@ -203,8 +206,10 @@ def exchange(serve, folder):
 def check_session(capture, printed):
     """Every message framed as the bytes say, names resolved, requests answered, values as
     zelcdb printed them; returns (messages, SBP packets) checked."""
-    rows, sent, packets, decoded = frames(capture, *HEURISTIC_FIRST), {}, 0, []
+    rows, sent, packets, decoded = frames(capture, *HEURISTIC_FIRST, *CHECKSUMS), {}, 0, []
     for row in rows:
+        good = "1"  # 0 is bad, 2 unverified
+        assert row["ip.checksum.status"] == row["tcp.checksum.status"] == [good], row
         key = (row["ip.src"][0], int(row["tcp.srcport"][0]), row["ip.dst"][0],
                int(row["tcp.dstport"][0]))
         found = list(zip([int(t, 0) for t in row["zelcdb.type"]], map(int, row["zelcdb.length"])))
