@@ -226,7 +226,6 @@ CaptureRelay::~CaptureRelay() {
 }
 
 void CaptureRelay::run() {
-    using Clock = std::chrono::steady_clock;
     Clock::time_point deadline{};
     for (;;) {
         if (stopping_) {
@@ -303,7 +302,7 @@ void CaptureRelay::joinWaiting() {
                 if (!link->answered && link->open[1]) return;
             }
         }
-        if (refusals_ > 0 && std::chrono::steady_clock::now() < retryAt_) return;
+        if (refusals_ > 0 && Clock::now() < retryAt_) return;
         // The endpoint's listener may be a moment late (serve opens the next one after each
         // peer): a refused connection to it is tried again every 20 ms for up to two seconds,
         // while the other links go on. A refused connection to the peer is not; the command
@@ -317,7 +316,7 @@ void CaptureRelay::joinWaiting() {
             ::close(connected);
             connected = -1;
             if (peerConnects_ && error == ECONNREFUSED && ++refusals_ < 100) {
-                retryAt_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+                retryAt_ = Clock::now() + std::chrono::milliseconds(20);
                 return;
             }
         }
@@ -331,7 +330,6 @@ void CaptureRelay::joinWaiting() {
         link->socket[0] = accepted;
         link->socket[1] = connected;
         link->open[0] = link->open[1] = true;
-        link->answered = false;
         // The capture shows the connection that faces the peer, with its real addresses.
         if (peerConnects_) {
             endpointOf(accepted, true, link->flow.address[0], link->flow.port[0]);

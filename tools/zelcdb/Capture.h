@@ -64,10 +64,11 @@ public:
     const std::string& endpointUrl() const { return endpointUrl_; }
 
 private:
+    using Clock = std::chrono::steady_clock;
     struct Link {
-        int socket[2];  // [0] accepted (the connecting side), [1] connected
-        bool open[2];   // that side still sends
-        bool answered;  // the connected side has sent something
+        int socket[2];          // [0] accepted (the connecting side), [1] connected
+        bool open[2];           // that side still sends
+        bool answered = false;  // the connected side has sent something
         Flow flow;
     };
     void run();
@@ -87,7 +88,7 @@ private:
     // The endpoint refused the connection at the front of waiting_ so many times; the next
     // try is due at retryAt_. Relay thread only.
     int refusals_ = 0;
-    std::chrono::steady_clock::time_point retryAt_{};
+    Clock::time_point retryAt_{};
     std::atomic<bool> stopping_{false};
     std::thread thread_;
 };
