@@ -262,6 +262,9 @@ class AgainstServe(Case):
             with Background("serve", relayed, "--elements", ARGS.elements, "--echo", "echo",
                             "--capture", os.path.join(folder, "serve.pcap")) as server:
                 server.wait_for("serving")
+                # A peer that stays connected holds nobody up once its endpoint has answered.
+                holder = Background("listen", relayed, "echo", "--count", 1, "-v")
+                holder.wait_for(r"service echo \(0x4002\) started")
                 for url in (self.url, relayed):
                     clients = [Background("services", url, "--json", "--timeout", 20000)
                                for _ in range(10)]
@@ -269,6 +272,9 @@ class AgainstServe(Case):
                         with client:
                             code, out, err = client.finish()
                             self.assertEqual((code, out), (0, self.listed), (url, err))
+                with holder:
+                    self.assertEqual(zelcdb("send", relayed, "echo", "01", "--replies", 1)[0], OK)
+                    self.assertEqual(holder.finish()[:2], (0, ["01"]))
 
 
 class Alone(Case):
